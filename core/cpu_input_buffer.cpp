@@ -1,0 +1,142 @@
+#include "core/cpu_input_buffer.h"
+
+#include <algorithm>
+#include <memory>
+#include <type_traits>
+
+#include "core/task_dispatcher.h"
+#include "core/timing_context.h"
+
+namespace glyptora {
+
+using glyptora_internal::TileValidRegion;
+
+void CPUBuffer_Base::describe(glyptora_internal::CPUViewBase& view) const {
+    for (int c = 0; c < 4; ++c) {
+        view.weights[c] = weights[c];
+        view.inverseWeights[c] = 1.0f / weights[c];
+    }
+    view.tileWidth = tileWidth;
+    view.tileHeight = tileHeight;
+    view.tileCount = tileCount;
+    view.regions = validRegions.data();
+}
+
+template <> int32_t U8TileBuffer::valueType() const { return kValueU8; }
+template <> int32_t S8TileBuffer::valueType() const { return kValueS8; }
+template <> int32_t F32TileBuffer::valueType() const { return kValueF32; }
+
+namespace {
+
+uint32_t ceilDiv(int32_t a, int32_t b) { return uint32_t((a + b - 1) / b); }
+
+template <typename T>
+T constantOne() {
+    if constexpr (std::is_same_v<T, float>) return 1.0f;
+    else if constexpr (std::is_same_v<T, signed char>) return 127;
+    else return 255;
+}
+
+// Cuts one image into tiles starting at tile `firstTile`; one task per (slice, tile row).
+template <typename T>
+void fillImage(const ImageRecord& image, int tileWidth, int tileHeight, uint32_t firstTile, T* tiles,
+               TileValidRegion* regions) {
+    const int tilesPerRow = int(ceilDiv(image.width, tileWidth));
+    const int tilesPerColumn = int(ceilDiv(image.height, tileHeight));
+    const size_t plane = size_t(image.depth) * size_t(image.width) * size_t(image.height);
+    const T* source = static_cast<const T*>(image.data);
+    const size_t pixelStep = image.interleaved ? size_t(image.channelCount) : 1;
+    const size_t channelStep = image.interleaved ? 1 : plane;
+    const size_t tileValues = size_t(tileWidth) * size_t(tileHeight) * 4;
+
+    glyptora_internal::parallelFor(image.depth * tilesPerColumn, [&](uint32_t task) {
+        const int slice = int(task) / tilesPerColumn;
+        const int tileRow = int(task) % tilesPerColumn;
+        const uint32_t rowFirstTile = firstTile + task * uint32_t(tilesPerRow);
+        for (int tileColumn = 0; tileColumn < tilesPerRow; ++tileColumn) {
+            const uint32_t t = rowFirstTile + uint32_t(tileColumn);
+            const int validWidth = std::min(tileWidth, image.width - tileColumn * tileWidth);
+            const int validHeight = std::min(tileHeight, image.height - tileRow * tileHeight);
+            regions[t] = TileValidRegion{uint8_t(validWidth), uint8_t(validHeight)};
+            T* out = tiles + size_t(t) * tileValues;
+            for (int y = 0; y < validHeight; ++y) {
+                const size_t row = size_t(tileRow * tileHeight + y);
+                for (int x = 0; x < validWidth; ++x) {
+                    const size_t column = size_t(tileColumn * tileWidth + x);
+                    const size_t pixel = (size_t(slice) * size_t(image.height) + row) * size_t(image.width) + column;
+                    const T* src = source + pixel * pixelStep;
+                    T* dst = out + size_t(y * tileWidth + x) * 4;
+                    for (int k = 0; k < 4; ++k) {
+                        const uint32_t from = image.channelOrder[k];
+                        dst[k] = from < 4 ? src[from * channelStep] : (from == 5 ? constantOne<T>() : T(0));
+                    }
+                }
+            }
+        }
+    });
+}
+
+template <typename Buffer>
+std::unique_ptr<CPUBuffer_Base> buildTiles(const ImageRecord* images, int imageCount, int tileWidth, int tileHeight,
+                                           uint32_t* tileCountPerImage) {
+    auto buffer = std::make_unique<Buffer>();
+    buffer->tileWidth = tileWidth;
+    buffer->tileHeight = tileHeight;
+    uint32_t total = 0;
+    for (int i = 0; i < imageCount; ++i) {
+        const ImageRecord& image = images[i];
+        const uint32_t count = uint32_t(image.depth) * ceilDiv(image.height, tileHeight) * ceilDiv(image.width, tileWidth);
+        if (tileCountPerImage) tileCountPerImage[i] = count;
+        total += count;
+    }
+    buffer->tileCount = total;
+    buffer->validRegions.assign(total, TileValidRegion{0, 0});
+    buffer->tiles.assign(size_t(total) * size_t(tileWidth) * size_t(tileHeight) * 4, 0);
+    uint32_t first = 0;
+    for (int i = 0; i < imageCount; ++i) {
+        const ImageRecord& image = images[i];
+        fillImage(image, tileWidth, tileHeight, first, buffer->tiles.data(), buffer->validRegions.data());
+        first += uint32_t(image.depth) * ceilDiv(image.height, tileHeight) * ceilDiv(image.width, tileWidth);
+    }
+    return buffer;
+}
+
+bool validImages(const ImageRecord* images, int imageCount) {
+    for (int i = 0; i < imageCount; ++i)
+        if (images[i].width <= 0 || images[i].height <= 0 || images[i].depth <= 0 || !images[i].data ||
+            images[i].channelCount <= 0)
+            return false;
+    return true;
+}
+
+}  // namespace
+
+struct CPUInputBuffer::Private {
+    std::unique_ptr<CPUBuffer_Base> buffer;
+};
+
+CPUInputBuffer::CPUInputBuffer(const ImageRecord* images, int imageCount, int32_t valueType, int tileWidth,
+                               int tileHeight, float weightR, float weightG, float weightB, float weightA,
+                               TimingContext* timing, uint32_t* tileCountPerImage)
+    : m_private(new Private) {
+    ScopedTimer timer(timing, "image to buffer");
+    if (tileWidth <= 0 || tileHeight <= 0 || tileWidth > 255 || tileHeight > 255 || imageCount < 0 ||
+        !validImages(images, imageCount))
+        return;
+    switch (valueType) {
+        case kValueU8: m_private->buffer = buildTiles<U8TileBuffer>(images, imageCount, tileWidth, tileHeight, tileCountPerImage); break;
+        case kValueS8: m_private->buffer = buildTiles<S8TileBuffer>(images, imageCount, tileWidth, tileHeight, tileCountPerImage); break;
+        case kValueF32: m_private->buffer = buildTiles<F32TileBuffer>(images, imageCount, tileWidth, tileHeight, tileCountPerImage); break;
+        default: return;
+    }
+    const float weights[4] = {weightR, weightG, weightB, weightA};
+    for (int c = 0; c < 4; ++c) m_private->buffer->weights[c] = weights[c];
+}
+
+CPUInputBuffer::~CPUInputBuffer() { delete m_private; }
+
+const CPUBuffer_Base* CPUInputBuffer::buffer() const { return m_private->buffer.get(); }
+
+uint32_t CPUInputBuffer::tileCount() const { return m_private->buffer ? m_private->buffer->tileCount : 0; }
+
+}  // namespace glyptora

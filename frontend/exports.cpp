@@ -1,0 +1,25 @@
+// The library's exported C entry points.
+#include "glyptora.h"
+
+#include "frontend/conversion_entry.h"
+#include "gpu/gpu_encoders.h"
+
+extern "C" {
+
+GLYPTORA_API const uint32_t NvOptimusEnablementCuda = 1;
+
+GLYPTORA_API uint32_t GlyptoraConvert(void* destination, const void* source, const wchar_t* destinationFormat,
+                                      const wchar_t* sourceFormat, const wchar_t* options, uint32_t flags,
+                                      uint32_t dimension, uint32_t width, uint32_t height, uint32_t depth,
+                                      uint32_t mipCount) {
+    return glyptora_internal::convertEntry(destination, source, destinationFormat, sourceFormat, options, flags,
+                                           dimension, width, height, depth, mipCount)
+               ? 1u
+               : 0u;
+}
+
+GLYPTORA_API uint32_t GlyptoraIsGpuEncodingAvailable(void) {
+    return glyptora_internal::isGpuEncodingAvailable() ? 1u : 0u;
+}
+
+}  // extern "C"

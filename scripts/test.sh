@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what the build needs, then builds and runs every test twice: a Release
+# build, and a Debug build with AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/install-deps.sh"
+jobs=$(nproc)
+
+run_suite() {
+  local dir=$1; shift
+  cmake -S "$root" -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+  (cd "$dir" && ctest --output-on-failure -j "$jobs")
+}
+
+echo "== Release build =="
+run_suite "$root/build/release" -DCMAKE_BUILD_TYPE=Release
+echo "== Debug build with AddressSanitizer + UndefinedBehaviorSanitizer =="
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+run_suite "$root/build/sanitize" -DCMAKE_BUILD_TYPE=Debug -DGLYPTORA_SANITIZE=ON -DGLYPTORA_ENABLE_CUDA=OFF
