@@ -6,7 +6,7 @@
 
 extern "C" {
 
-GLYPTORA_API const uint32_t NvOptimusEnablementCuda = 1;
+const uint32_t NvOptimusEnablementCuda = 1;
 
 GLYPTORA_API uint32_t GlyptoraConvert(void* destination, const void* source, const wchar_t* destinationFormat,
                                       const wchar_t* sourceFormat, const wchar_t* options, uint32_t flags,
