@@ -1,5 +1,6 @@
 #pragma once
 #include <cstdint>
+#include <type_traits>
 
 namespace glyptora_internal {
 
@@ -28,8 +29,9 @@ TaskDispatcher& defaultTaskDispatcher();
 // Convenience: runs `body(index)` for every index through the default dispatcher.
 template <typename Body>
 void parallelFor(int count, Body&& body) {
-    auto trampoline = [](void* context, uint32_t index) { (*static_cast<Body*>(context))(index); };
-    defaultTaskDispatcher().dispatch(trampoline, &body, count);
+    using Callable = std::remove_reference_t<Body>;
+    auto trampoline = [](void* context, uint32_t index) { (*static_cast<Callable*>(context))(index); };
+    defaultTaskDispatcher().dispatch(trampoline, const_cast<void*>(static_cast<const void*>(&body)), count);
 }
 
 }  // namespace glyptora_internal

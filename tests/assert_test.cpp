@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "core/assert.h"
+#include "core/string_builder.h"
+
+using namespace glyptora_internal;
+
+namespace {
+
+std::string report(const char* exp, const char* file, int line, const char* func, const char* msg, ...) {
+    StringBuilder out;
+    va_list args;
+    va_start(args, msg);
+    formatAssertionReport(out, exp, file, line, func, msg, args);
+    va_end(args);
+    return out.str();
+}
+
+class RecordingHandler : public AssertHandler {
+public:
+    int assertion(const char* exp, const char* file, int line, const char* func, const char* msg,
+                  va_list args) override {
+        ++calls;
+        expression = exp;
+        this->file = file;
+        this->line = line;
+        function = func ? func : "";
+        if (msg) {
+            StringBuilder text;
+            text.appendList(msg, args);
+            message = text.str();
+        }
+        return 2;
+    }
+    int calls = 0;
+    std::string expression, file, function, message;
+    int line = 0;
+};
+
+}  // namespace
+
+TEST(AssertionReport, ThreeShapes) {
+    EXPECT_EQ(report("a == b", "bits", 12, nullptr, nullptr),
+              "*** Assertion failed: a == b\n    On file: bits\n    On line: 12\n");
+    EXPECT_EQ(report("a == b", "bits", 12, "write", nullptr),
+              "*** Assertion failed: a == b\n    On file: bits\n    On line: 12\n    On function: write\n");
+    EXPECT_EQ(report("x", "astc_encoder", 7, "encode", "value %d of %s", 5, "ten"),
+              "*** Assertion failed: x\n    On file: astc_encoder\n    On line: 7\n    On function: encode\n"
+              "    Message: value 5 of ten\n");
+}
+
+TEST(AssertHandler, UserHandlerReceivesTheCall) {
+    RecordingHandler handler;
+    AssertHandler* previous = setAssertHandler(&handler);
+    const int expectedLine = __LINE__ + 1;
+    GLYPTORA_ASSERT_MSG(1 + 1 == 3, "sum was %d", 2);
+    GLYPTORA_ASSERT(2 + 2 == 4);  // holds: no call
+    setAssertHandler(previous);
+    EXPECT_EQ(handler.calls, 1);
+    EXPECT_EQ(handler.expression, "1 + 1 == 3");
+    EXPECT_EQ(handler.file, "assert_test");
+    EXPECT_EQ(handler.line, expectedLine);
+    EXPECT_NE(handler.function.find("TestBody"), std::string::npos);
+    EXPECT_EQ(handler.message, "sum was 2");
+}
+
+TEST(AssertHandler, DefaultHandlerPrintsReportAndTraceAndContinues) {
+    ASSERT_EQ(userAssertHandler(), nullptr);
+    testing::internal::CaptureStdout();
+    const int decision = reportAssertion("value > 0", "/src/core/thing.cpp", 42, "check", nullptr);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(decision, 2);  // no debugger attached: ignore and go on
+    EXPECT_EQ(out.rfind("*** Assertion failed: value > 0\n    On file: thing\n    On line: 42\n"
+                        "    On function: check\n",
+                        0),
+              0u);
+    EXPECT_NE(out.find("\nDumping stacktrace:\n"), std::string::npos);
+}
+
+TEST(StringBuilder, GrowsBeyondItsHintAndAppendsCountedText) {
+    StringBuilder text(4);
+    text.append("%s-%d", "abcdefgh", 12345);
+    text.append("xyz!", 3);
+    EXPECT_EQ(std::string(text.str()), "abcdefgh-12345xyz");
+    EXPECT_GE(text.capacity(), text.length() + 1);
+    text.format("%c", 'q');
+    EXPECT_EQ(std::string(text.str()), "q");
+}
+
+TEST(StringBuilder, ZeroSizeHintIsAnAssertion) {
+    RecordingHandler handler;
+    AssertHandler* previous = setAssertHandler(&handler);
+    StringBuilder text(0);
+    text.append("ok");
+    setAssertHandler(previous);
+    EXPECT_EQ(handler.expression, "size_hint != 0");
+    EXPECT_EQ(std::string(text.str()), "ok");
+}
