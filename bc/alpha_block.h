@@ -342,9 +342,9 @@ GLYPTORA_HD inline void searchAlphaPairsWeighted(const int x[16], const float we
     *bestAlpha1 = best1;
 }
 
-// Narrow ranges need no search: below 8 the range itself is the 8-value pair (or, flat,
-// a 6-value pair of equal endpoints); an inner range below 6 becomes a 6-value pair whose
-// fixed entries take the extremes. Returns false when the block needs the search.
+// Narrow ranges skip the search: below 8 the range itself is the pair (8-value, or for a
+// flat block a 6-value pair of equal endpoints); an inner range below 6 becomes a 6-value
+// pair whose fixed entries take the extremes. Returns false when the block needs the search.
 template <bool Signed>
 GLYPTORA_HD inline bool alphaPairWithoutSearch(const AlphaRange& r, int* alpha0, int* alpha1) {
     if (r.max - r.min < 8) {
