@@ -138,6 +138,16 @@ GLYPTORA_HD inline void packAlphaBlock(const AlphaBlockState& b, uint8_t out[8])
 // ---------------------------------------------------------------------------------------
 // Least-squares endpoint refinement
 
+// A product rounded on its own before the addition that follows, so that CUDA device code
+// (which would fuse the two into one multiply-add) rounds the sums as the host does.
+GLYPTORA_HD inline float roundedProduct(float a, float b) {
+#if defined(__CUDA_ARCH__)
+    return __fmul_rn(a, b);
+#else
+    return a * b;
+#endif
+}
+
 // Clamps a solved endpoint and truncates it; a non-finite solution becomes 0.
 GLYPTORA_HD inline int clampTruncateEndpoint(float v, int lowest, int highest) {
     if (!(fabsf(v) <= FLT_MAX)) return 0;
@@ -159,15 +169,15 @@ GLYPTORA_HD inline void solveEightValueEndpoints(const int x[16], const AlphaRan
         const float w = k < 2 ? float(1 - k) : float(8 - k) * 0.14285715f;
         const float v = 1.0f - w;
         const float xf = float(x[i]);
-        sww += w * w;
-        svv += v * v;
-        swv += w * v;
-        sxw += xf * w;
-        sxv += xf * v;
+        sww += roundedProduct(w, w);
+        svv += roundedProduct(v, v);
+        swv += roundedProduct(w, v);
+        sxw += roundedProduct(xf, w);
+        sxv += roundedProduct(xf, v);
     }
-    const float det = sww * svv - swv * swv;
-    const float solved0 = (svv * sxw - swv * sxv) / det;
-    const float solved1 = (sww * sxv - swv * sxw) / det;
+    const float det = roundedProduct(sww, svv) - roundedProduct(swv, swv);
+    const float solved0 = (roundedProduct(svv, sxw) - roundedProduct(swv, sxv)) / det;
+    const float solved1 = (roundedProduct(sww, sxv) - roundedProduct(swv, sxw)) / det;
     int a0 = clampTruncateEndpoint(solved0, D::kLowest, D::kHighest);
     int a1 = clampTruncateEndpoint(solved1, D::kLowest, D::kHighest);
     if (D::kKeepsExtremes && range.max == D::kHighest) a0 = D::kHighest;
@@ -200,16 +210,18 @@ GLYPTORA_HD inline void solveSixValueEndpoints(const int x[16], AlphaBlockState&
         const float w = k < 2 ? float(1 - k) : float(6 - k) * 0.2f;
         const float v = 1.0f - w;
         const float xf = float(x[i]);
-        sww += w * w;
-        svv += v * v;
-        swv += w * v;
-        sxw += xf * w;
-        sxv += xf * v;
+        sww += roundedProduct(w, w);
+        svv += roundedProduct(v, v);
+        swv += roundedProduct(w, v);
+        sxw += roundedProduct(xf, w);
+        sxv += roundedProduct(xf, v);
     }
-    const float det = sww * svv - swv * swv;
+    const float det = roundedProduct(sww, svv) - roundedProduct(swv, swv);
     if (det == 0.0f) return;
-    b.alpha0 = clampTruncateEndpoint((svv * sxw - swv * sxv) / det, D::kLowest, D::kHighest);
-    b.alpha1 = clampTruncateEndpoint((sww * sxv - swv * sxw) / det, D::kLowest, D::kHighest);
+    const float solved0 = (roundedProduct(svv, sxw) - roundedProduct(swv, sxv)) / det;
+    const float solved1 = (roundedProduct(sww, sxv) - roundedProduct(swv, sxw)) / det;
+    b.alpha0 = clampTruncateEndpoint(solved0, D::kLowest, D::kHighest);
+    b.alpha1 = clampTruncateEndpoint(solved1, D::kLowest, D::kHighest);
 }
 
 // Up to eight refinements. Each solves new endpoints and re-selects the indices; it stops
@@ -286,7 +298,7 @@ GLYPTORA_HD inline float weightedAlphaError(const int x[16], const float weights
     for (int i = 0; i < 16; ++i) {
         int d;
         nearestPaletteEntry(palette, x[i], &d);
-        error += weights[i] * float(d);
+        error += roundedProduct(weights[i], float(d));
         if (error > bestError) return error;
     }
     return error;

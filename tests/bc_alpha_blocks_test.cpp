@@ -360,7 +360,7 @@ TEST(InterpolatedHighQuality, MatchesTheModelSearch) {
     for (const Domain* d : {&kUnsigned, &kSigned}) {
         BlockSource source(d->isSigned ? 99 : 7);
         int pinned = 0;
-        for (int n = 0; n < 70; ++n) {
+        for (int n = 0; n < 49; ++n) {
             int x[16];
             source.block(*d, n % 7, x);
             int a0, a1;
