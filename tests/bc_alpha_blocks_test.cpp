@@ -402,6 +402,30 @@ TEST(InterpolatedHighQuality, PrunedSearchGivesTheStraightforwardBlocks) {
     }
 }
 
+// CUDA device code runs the pruned search with the one-pixel-at-a-time evaluator; on the host
+// it must pick the pairs of the vector evaluator.
+TEST(InterpolatedHighQuality, PortableEvaluatorPicksTheSamePairs) {
+    for (const Domain* d : {&kUnsigned, &kSigned}) {
+        BlockSource source(77);
+        for (int n = 0; n < 200; ++n) {
+            int x[16];
+            source.block(*d, n % 7, x);
+            int host0, host1, portable0, portable1;
+            if (d->isSigned) {
+                const AlphaRange r = alphaRange<true>(x);
+                searchAlphaPairsUnitWeights<true>(x, r, &host0, &host1);
+                searchAlphaPairsPruned<true>(PortableAlphaEvaluator<true>{x}, r, &portable0, &portable1);
+            } else {
+                const AlphaRange r = alphaRange<false>(x);
+                searchAlphaPairsUnitWeights<false>(x, r, &host0, &host1);
+                searchAlphaPairsPruned<false>(PortableAlphaEvaluator<false>{x}, r, &portable0, &portable1);
+            }
+            ASSERT_EQ(host0, portable0) << "block " << n;
+            ASSERT_EQ(host1, portable1) << "block " << n;
+        }
+    }
+}
+
 // Uniform weights other than 1.0 take the weighted search; scaling every error by 2 changes
 // no comparison, so the blocks are those of the pruned unit-weight search.
 TEST(InterpolatedHighQuality, UniformWeightsGiveTheUnitWeightBlocks) {
