@@ -3,9 +3,11 @@
 // re-computations of the palettes and of the exhaustive endpoint search.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "bc/alpha_block_encoders.h"
@@ -166,100 +168,58 @@ private:
     uint32_t m_state;
 };
 
-void encodeFast(const Domain& d, const int x[16], uint8_t out[8]) {
-    if (d.isSigned) {
-        int8_t v[16];
-        for (int i = 0; i < 16; ++i) v[i] = int8_t(x[i]);
-        encodeSignedInterpolatedBlockFast(v, out);
-    } else {
-        uint8_t v[16];
-        for (int i = 0; i < 16; ++i) v[i] = uint8_t(x[i]);
-        encodeInterpolatedBlockFast(v, out);
-    }
-}
+enum class Encoder { Fast, HighQuality, Straightforward };
 
-void encodeHighQuality(const Domain& d, const int x[16], uint8_t out[8], const float* weights = kUnitWeights,
-                       bool reference = false) {
-    if (d.isSigned) {
-        int8_t v[16];
-        for (int i = 0; i < 16; ++i) v[i] = int8_t(x[i]);
-        if (reference)
-            encodeSignedInterpolatedBlockHighQualityReference(v, weights, out);
-        else
-            encodeSignedInterpolatedBlockHighQuality(v, weights, out);
-    } else {
-        uint8_t v[16];
-        for (int i = 0; i < 16; ++i) v[i] = uint8_t(x[i]);
-        if (reference)
-            encodeInterpolatedBlockHighQualityReference(v, weights, out);
-        else
-            encodeInterpolatedBlockHighQuality(v, weights, out);
-    }
+void encode(const Domain& d, Encoder e, const int x[16], uint8_t out[8]) {
+    uint8_t u[16];
+    int8_t v[16];
+    for (int i = 0; i < 16; ++i) u[i] = uint8_t(x[i]), v[i] = int8_t(x[i]);
+    if (e == Encoder::Fast) d.isSigned ? encodeSignedInterpolatedBlockFast(v, out) : encodeInterpolatedBlockFast(u, out);
+    if (e == Encoder::HighQuality)
+        d.isSigned ? encodeSignedInterpolatedBlockHighQuality(v, kUnitWeights, out)
+                   : encodeInterpolatedBlockHighQuality(u, kUnitWeights, out);
+    if (e == Encoder::Straightforward)
+        d.isSigned ? encodeSignedInterpolatedBlockHighQualityReference(v, kUnitWeights, out)
+                   : encodeInterpolatedBlockHighQualityReference(u, kUnitWeights, out);
 }
 
 std::vector<uint8_t> bytes(const uint8_t* p, int n) { return std::vector<uint8_t>(p, p + n); }
 
-uint64_t fnv1a(uint64_t h, const uint8_t* p, int n) {
-    for (int i = 0; i < n; ++i) h = (h ^ p[i]) * 0x100000001B3ull;
-    return h;
-}
-
 }  // namespace
 
-// --- BC2 explicit alpha ---------------------------------------------------------------------
-
-TEST(ExplicitAlpha, QuantisesEveryByteToItsNearestLevel) {
+TEST(ExplicitAlpha, NearestLevelsPackedLowNibbleFirst) {
     for (int v = 0; v < 256; ++v) {
         int nearest = 0;
         for (int c = 1; c < 16; ++c)
             if (std::abs(v - 17 * c) < std::abs(v - 17 * nearest)) nearest = c;
-        EXPECT_EQ(quantiseExplicitAlpha(v), nearest) << v;
+        EXPECT_EQ(quantiseExplicitAlpha(v), nearest) << v;  // includes the clamped ends 0..8, 247..255
     }
-    // Around the clamped candidates at both ends.
-    EXPECT_EQ(quantiseExplicitAlpha(8), 0);
-    EXPECT_EQ(quantiseExplicitAlpha(9), 1);
-    EXPECT_EQ(quantiseExplicitAlpha(246), 14);
-    EXPECT_EQ(quantiseExplicitAlpha(247), 15);
-    EXPECT_EQ(quantiseExplicitAlpha(255), 15);
-}
-
-TEST(ExplicitAlpha, PacksFourBitsPerPixelLowNibbleFirst) {
     uint8_t alpha[16], block[8], decoded[16];
     for (int i = 0; i < 16; ++i) alpha[i] = uint8_t(17 * i);
     encodeExplicitAlphaBlock(alpha, block);
-    const uint8_t expected[8] = {0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE};
-    EXPECT_EQ(bytes(block, 8), bytes(expected, 8));
+    EXPECT_EQ(bytes(block, 8), (std::vector<uint8_t>{0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE}));
     decodeExplicitAlphaBlock(block, decoded);
     EXPECT_EQ(bytes(decoded, 16), bytes(alpha, 16));
 }
 
-// --- Palettes and decoding -------------------------------------------------------------------
-
+// Truncation toward zero on negative numerators is what sets the signed palette apart.
 TEST(InterpolatedPalette, AgreesWithTheModelForEveryPair) {
     int p[8];
-    for (int a0 = 0; a0 < 256; ++a0)
-        for (int a1 = 0; a1 < 256; ++a1) {
-            interpolatedAlphaPalette(a0, a1, p);
-            for (int k = 0; k < 8; ++k) ASSERT_EQ(p[k], modelPalette(kUnsigned, a0, a1, k)) << a0 << "," << a1;
+    for (int a0 = -128; a0 < 256; ++a0)
+        for (int a1 = -128; a1 < 256; ++a1) {
+            if (a0 >= 0 && a1 >= 0) {
+                interpolatedAlphaPalette(a0, a1, p);
+                for (int k = 0; k < 8; ++k) ASSERT_EQ(p[k], modelPalette(kUnsigned, a0, a1, k)) << a0 << "," << a1;
+            }
+            if (a0 < 128 && a1 < 128) {
+                signedInterpolatedAlphaPalette(a0, a1, p);
+                for (int k = 0; k < 8; ++k) ASSERT_EQ(p[k], modelPalette(kSigned, a0, a1, k)) << a0 << "," << a1;
+            }
         }
-    // Truncation toward zero on negative numerators is what sets the signed palette apart.
-    for (int a0 = -128; a0 < 128; ++a0)
-        for (int a1 = -128; a1 < 128; ++a1) {
-            signedInterpolatedAlphaPalette(a0, a1, p);
-            for (int k = 0; k < 8; ++k) ASSERT_EQ(p[k], modelPalette(kSigned, a0, a1, k)) << a0 << "," << a1;
-        }
-}
-
-TEST(InterpolatedPalette, KnownPalettesOfBothModes) {
-    int p[8];
-    interpolatedAlphaPalette(255, 0, p);
-    EXPECT_EQ(std::vector<int>(p, p + 8), (std::vector<int>{255, 0, 219, 182, 146, 109, 73, 36}));
     interpolatedAlphaPalette(10, 20, p);
     EXPECT_EQ(std::vector<int>(p, p + 8), (std::vector<int>{10, 20, 12, 14, 16, 18, 0, 255}));
-    signedInterpolatedAlphaPalette(-10, -40, p);  // p2 = (-97) / 7 = -13.9 -> -13, p7 = (-247) / 7 -> -35
+    signedInterpolatedAlphaPalette(-10, -40, p);  // p2 = -97 / 7 = -13.9 -> -13
     EXPECT_EQ(std::vector<int>(p, p + 8), (std::vector<int>{-10, -40, -13, -18, -22, -26, -31, -35}));
-    signedInterpolatedAlphaPalette(-40, -10, p);
-    EXPECT_EQ(std::vector<int>(p, p + 8), (std::vector<int>{-40, -10, -33, -27, -21, -15, -127, 127}));
 }
 
 TEST(InterpolatedDecoder, ReadsThreeBitIndicesFromBitSixteen) {
@@ -277,60 +237,38 @@ TEST(InterpolatedDecoder, ReadsThreeBitIndicesFromBitSixteen) {
     for (int i = 0; i < 16; ++i) EXPECT_EQ(signedValues[i], -127) << i;
 }
 
-// --- Unsigned fast block ----------------------------------------------------------------------
-
 TEST(InterpolatedFast, FlatBlocks) {
     uint8_t v[16], block[8];
-    std::memset(v, 255, 16);
-    encodeInterpolatedBlockFast(v, block);
-    EXPECT_EQ(bytes(block, 8), (std::vector<uint8_t>{255, 255, 0, 0, 0, 0, 0, 0}));
-    std::memset(v, 0, 16);
-    encodeInterpolatedBlockFast(v, block);
-    EXPECT_EQ(bytes(block, 8), (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 0}));
-    std::memset(v, 77, 16);
-    encodeInterpolatedBlockFast(v, block);
-    EXPECT_EQ(bytes(block, 8), (std::vector<uint8_t>{77, 77, 0, 0, 0, 0, 0, 0}));
+    for (int value : {255, 0, 77}) {
+        std::memset(v, value, 16);
+        encodeInterpolatedBlockFast(v, block);
+        EXPECT_EQ(bytes(block, 8), (std::vector<uint8_t>{uint8_t(value), uint8_t(value), 0, 0, 0, 0, 0, 0}));
+    }
 }
 
 TEST(InterpolatedFast, KeepsExactZeroAndTwoFiftyFiveAsEndpoints) {
     // Every value sits on the (255, 0) palette; the 6-value start reaches error 0 as well but
     // only a strictly smaller error replaces the 8-value block.
     const uint8_t v[16] = {0, 255, 219, 182, 146, 109, 73, 36, 0, 255, 219, 182, 146, 109, 73, 36};
-    uint8_t block[8];
+    uint8_t block[8], decoded[16];
     encodeInterpolatedBlockFast(v, block);
     EXPECT_EQ(bytes(block, 8), (std::vector<uint8_t>{255, 0, 0x81, 0xC6, 0xFA, 0x81, 0xC6, 0xFA}));
 
-    // Mid values next to 0 and 255: the refinements may move nothing but the interpolants.
-    const uint8_t mixed[16] = {0, 255, 90, 91, 95, 100, 101, 120, 130, 131, 140, 150, 160, 170, 200, 240};
+    // Only 0 and 255: no inner values, so the 6-value start is (0 + 248, 255 - 248) = (248, 7),
+    // an 8-value pair; the exact (255, 0) block wins.
+    const uint8_t extremes[16] = {0, 255, 255, 0, 0, 0, 255, 255, 0, 255, 0, 255, 0, 0, 0, 0};
     int x[16];
-    for (int i = 0; i < 16; ++i) x[i] = mixed[i];
+    for (int i = 0; i < 16; ++i) x[i] = extremes[i];
     int a0, a1;
-    fastEightValueStart<false>(alphaRange<false>(x), &a0, &a1);
-    EXPECT_EQ(a0, 255);
-    EXPECT_EQ(a1, 0);
-}
-
-TEST(InterpolatedFast, ZeroAndTwoFiftyFiveOnlyStartsSixValueAt248And7) {
-    const uint8_t v[16] = {0, 255, 255, 0, 0, 0, 255, 255, 0, 255, 0, 255, 0, 0, 0, 0};
-    int x[16];
-    for (int i = 0; i < 16; ++i) x[i] = v[i];
-    const AlphaRange r = alphaRange<false>(x);
-    EXPECT_EQ(r.innerMin, 255);
-    EXPECT_EQ(r.innerMax, 0);
-    int a0, a1;
-    fastSixValueStart<false>(r, &a0, &a1);
+    fastSixValueStart<false>(alphaRange<false>(x), &a0, &a1);
     EXPECT_EQ(a0, 248);
     EXPECT_EQ(a1, 7);
-    // The 8-value block (255, 0) is exact and wins.
-    uint8_t block[8], decoded[16];
-    encodeInterpolatedBlockFast(v, block);
+    encodeInterpolatedBlockFast(extremes, block);
+    decodeInterpolatedBlock(block, decoded);
     EXPECT_EQ(block[0], 255);
     EXPECT_EQ(block[1], 0);
-    decodeInterpolatedBlock(block, decoded);
-    EXPECT_EQ(bytes(decoded, 16), bytes(v, 16));
+    EXPECT_EQ(bytes(decoded, 16), bytes(extremes, 16));
 }
-
-// --- Unsigned high-quality block ----------------------------------------------------------
 
 TEST(InterpolatedHighQuality, NarrowRangesAreWrittenWithoutSearch) {
     uint8_t block[8], decoded[16];
@@ -348,10 +286,6 @@ TEST(InterpolatedHighQuality, NarrowRangesAreWrittenWithoutSearch) {
     EXPECT_EQ(block[1], 105);
     decodeInterpolatedBlock(block, decoded);
     EXPECT_EQ(bytes(decoded, 16), bytes(extremes, 16));
-
-    const uint8_t flat[16] = {42, 42, 42, 42, 42, 42, 42, 42, 42, 42, 42, 42, 42, 42, 42, 42};
-    encodeInterpolatedBlockHighQuality(flat, kUnitWeights, block);
-    EXPECT_EQ(bytes(block, 8), (std::vector<uint8_t>{42, 42, 0, 0, 0, 0, 0, 0}));
 }
 
 // The exhaustive search against the pair-by-pair model, for both signs: endpoints, the 0/255
@@ -361,13 +295,12 @@ TEST(InterpolatedHighQuality, MatchesTheModelSearch) {
         BlockSource source(d->isSigned ? 99 : 7);
         int pinned = 0;
         for (int n = 0; n < 49; ++n) {
-            int x[16];
-            source.block(*d, n % 7, x);
-            int a0, a1;
+            int x[16], a0, a1;
             bool repinned = false;
+            source.block(*d, n % 7, x);
             modelHighQualityPair(*d, x, &a0, &a1, &repinned);
             uint8_t block[8];
-            encodeHighQuality(*d, x, block);
+            encode(*d, Encoder::HighQuality, x, block);
             ASSERT_EQ(endpoint(*d, block[0]), a0) << "block " << n;
             ASSERT_EQ(endpoint(*d, block[1]), a1) << "block " << n;
             expectNearestIndices(*d, x, block);
@@ -379,8 +312,9 @@ TEST(InterpolatedHighQuality, MatchesTheModelSearch) {
     }
 }
 
-// The pruned unit-weight search against the straightforward one, with pinned outputs of both
-// encoders: any change of the blocks shows up here.
+// The pruned search (host vector evaluator, and the one-pixel evaluator that device code runs)
+// against the straightforward one, with the blocks of the straightforward and fast encoders
+// pinned by a hash: any change of the blocks shows up here.
 TEST(InterpolatedHighQuality, PrunedSearchGivesTheStraightforwardBlocks) {
     const uint64_t expectedHash[2] = {0x0FD4C184C54F2ADFull, 0x60E27B473161ECC7ull};
     for (const Domain* d : {&kUnsigned, &kSigned}) {
@@ -390,26 +324,14 @@ TEST(InterpolatedHighQuality, PrunedSearchGivesTheStraightforwardBlocks) {
             int x[16];
             source.block(*d, n % 6, x);
             uint8_t fast[8], pruned[8], straightforward[8];
-            encodeFast(*d, x, fast);
-            encodeHighQuality(*d, x, pruned);
-            encodeHighQuality(*d, x, straightforward, kUnitWeights, true);
+            encode(*d, Encoder::Fast, x, fast);
+            encode(*d, Encoder::HighQuality, x, pruned);
+            encode(*d, Encoder::Straightforward, x, straightforward);
             ASSERT_EQ(bytes(pruned, 8), bytes(straightforward, 8)) << "block " << n;
             expectNearestIndices(*d, x, fast);
-            hash = fnv1a(hash, fast, 8);
-            hash = fnv1a(hash, straightforward, 8);
-        }
-        EXPECT_EQ(hash, expectedHash[d->isSigned]) << std::hex << hash;
-    }
-}
+            for (const uint8_t* block : {fast, straightforward})
+                for (int i = 0; i < 8; ++i) hash = (hash ^ block[i]) * 0x100000001B3ull;
 
-// CUDA device code runs the pruned search with the one-pixel-at-a-time evaluator; on the host
-// it must pick the pairs of the vector evaluator.
-TEST(InterpolatedHighQuality, PortableEvaluatorPicksTheSamePairs) {
-    for (const Domain* d : {&kUnsigned, &kSigned}) {
-        BlockSource source(77);
-        for (int n = 0; n < 200; ++n) {
-            int x[16];
-            source.block(*d, n % 7, x);
             int host0, host1, portable0, portable1;
             if (d->isSigned) {
                 const AlphaRange r = alphaRange<true>(x);
@@ -423,31 +345,14 @@ TEST(InterpolatedHighQuality, PortableEvaluatorPicksTheSamePairs) {
             ASSERT_EQ(host0, portable0) << "block " << n;
             ASSERT_EQ(host1, portable1) << "block " << n;
         }
+        EXPECT_EQ(hash, expectedHash[d->isSigned]) << std::hex << hash;
     }
 }
 
-// Uniform weights other than 1.0 take the weighted search; scaling every error by 2 changes
-// no comparison, so the blocks are those of the pruned unit-weight search.
-TEST(InterpolatedHighQuality, UniformWeightsGiveTheUnitWeightBlocks) {
-    float twos[16];
-    for (float& w : twos) w = 2.0f;
-    for (const Domain* d : {&kUnsigned, &kSigned}) {
-        BlockSource source(31);
-        for (int n = 0; n < 70; ++n) {
-            int x[16];
-            source.block(*d, n % 7, x);
-            uint8_t unit[8], doubled[8];
-            encodeHighQuality(*d, x, unit);
-            encodeHighQuality(*d, x, doubled, twos);
-            ASSERT_EQ(bytes(unit, 8), bytes(doubled, 8)) << "block " << n;
-        }
-    }
-}
-
-// The search is not a superset of the fast encoder's reach (6-value pairs closer than 9,
-// endpoints at the domain's top, the 0/255 pinning after the search), so the guarantee is per
-// block only where the fast pair is a search candidate of an unpinned block; over many blocks
-// the search must be clearly better.
+// The search does not reach every pair the fast encoder can (6-value pairs closer than 9, the
+// domain's top as alpha0, pairs moved by the 0/255 pinning), so the guarantee holds per block
+// only where the fast result is an 8-value search candidate of an unpinned block; in total the
+// search must be clearly better.
 TEST(InterpolatedHighQuality, NeverWorseThanFastWhereFastPairIsACandidate) {
     for (const Domain* d : {&kUnsigned, &kSigned}) {
         BlockSource source(d->isSigned ? 5 : 6);
@@ -455,22 +360,18 @@ TEST(InterpolatedHighQuality, NeverWorseThanFastWhereFastPairIsACandidate) {
         int compared = 0;
         for (int n = 0; n < 1200; ++n) {
             int x[16];
-            source.block(*d, n % 2 ? 0 : 1, x);  // uniform noise and noisy levels
+            source.block(*d, n % 2, x);  // uniform noise and noisy levels
             uint8_t fast[8], hq[8];
-            encodeFast(*d, x, fast);
-            encodeHighQuality(*d, x, hq);
+            encode(*d, Encoder::Fast, x, fast);
+            encode(*d, Encoder::HighQuality, x, hq);
             const int fastError = blockError(*d, x, fast), hqError = blockError(*d, x, hq);
             fastTotal += fastError;
             searchTotal += hqError;
-
-            int mn = d->highest, mx = d->lowest;
-            for (int i = 0; i < 16; ++i) mn = std::min(mn, x[i]), mx = std::max(mx, x[i]);
+            const int mn = *std::min_element(x, x + 16), mx = *std::max_element(x, x + 16);
             const int f0 = endpoint(*d, fast[0]), f1 = endpoint(*d, fast[1]);
-            const bool pinnable = d->isSigned ? mn < d->lowest : (mn == 0 || mx == 255);
-            const bool candidate = f0 > f1 ? (f0 - f1 >= 9 && f0 <= std::min(d->highest, mx + 8) - 1 &&
-                                              f1 >= std::max(d->lowest, mn - 8))
-                                           : false;  // 6-value candidates depend on the inner range
-            if (candidate && !pinnable) {
+            const bool pinned = !d->isSigned && (mn == 0 || mx == 255);
+            const bool candidate = f0 - f1 >= 9 && f0 <= std::min(d->highest, mx + 8) - 1 && f1 >= std::max(d->lowest, mn - 8);
+            if (candidate && !pinned) {
                 EXPECT_LE(hqError, fastError) << "block " << n;
                 ++compared;
             }
