@@ -1,14 +1,282 @@
+// Host side of the BC1 to BC5 GPU paths: work splitting into memory chunks and kernel
+// launches, device copies of the tiles, element conversions on the device, kernel launches
+// through the CUDA driver and the copy back of the blocks.
 #include "gpu/gpu_encoders.h"
 
-// Without a CUDA driver loader and kernels in this build, no GPU path is usable.
+#include <algorithm>
+#include <atomic>
+
+#include "core/cpu_input_buffer.h"
+#include "core/diagnostics.h"
+#include "core/encoder_dispatch.h"
+#include "core/timing_context.h"
+#include "gpu/cuda_driver.h"
+#include "gpu/gpu_buffer.h"
+#include "gpu/gpu_kernel_names.h"
+#include "gpu/gpu_testing.h"
+
 namespace glyptora_internal {
 
-bool isGpuEncodingAvailable() { return false; }
+using glyptora::CPUBuffer_Base;
+using glyptora::ScopedTimer;
+using glyptora::TimingContext;
 
-bool encodeOnGpu(GpuFormat, const glyptora::CPUBuffer_Base&, uint8_t*, bool, glyptora::TimingContext*) {
+namespace {
+
+std::atomic<uint64_t> g_maxTilesPerChunk{0};
+std::atomic<uint64_t> g_maxTilesPerLaunch{0};
+
+// How one format runs on the GPU. Kernels taking the block count ("channel" kernels,
+// launched first) get (view, n, output); the colour kernels get (view, output).
+struct FormatPlan {
+    const char* entryName;       // as the entry's messages name it
+    const char* chunkLabel;      // timing scope of the per-chunk encoder
+    const char* launchLabel;     // timing scope of one launch
+    int launchDivisor;           // tiles per launch = clockRate x multiProcessorCount / divisor
+    int blockBytes;
+    bool signedKernels;          // kernels read signed 8-bit views (else unsigned 8-bit)
+    const char* channelKernel;   // launched first, or null
+    const char* colourKernel;    // launched second, or null
+};
+
+const FormatPlan kBC1a{"BC1a", "s_encode_bc1a_gpu()", "encode_bc1_gpu()", 6, 8, false, nullptr,
+                       kernel_names::kCompressDXT1a};
+const FormatPlan kBC2{"BC2", "s_encode_bc2_gpu()", "encode_bc2_gpu()", 12, 16, false, nullptr,
+                      kernel_names::kCompressDXT3};
+const FormatPlan kBC3{"BC3", "s_encode_bc3_gpu()", "encode_bc3_gpu()", 12, 16, false, kernel_names::kCompressDXT5Alpha,
+                      kernel_names::kCompressDXT5Color};
+const FormatPlan kBC4{"BC4", "s_encode_bc4_gpu()", "encode_bc4_gpu()", 1, 8, false, kernel_names::kCompressBC4, nullptr};
+const FormatPlan kBC4S{"BC4S", "s_encode_bc4s_gpu()", "encode_bc4s_gpu()", 1, 8, true, kernel_names::kCompressBC4S,
+                       nullptr};
+const FormatPlan kBC5{"BC5", "s_encode_bc5_gpu()", "encode_bc5_gpu()", 1, 16, false, kernel_names::kCompressBC5, nullptr};
+const FormatPlan kBC5S{"BC5S", "s_encode_bc5s_gpu()", "encode_bc5s_gpu()", 1, 16, true, kernel_names::kCompressBC5S,
+                       nullptr};
+
+const FormatPlan* planFor(GpuFormat format) {
+    switch (format) {
+        case GpuFormat::BC1a: return &kBC1a;
+        case GpuFormat::BC2: return &kBC2;
+        case GpuFormat::BC3: return &kBC3;
+        case GpuFormat::BC4: return &kBC4;
+        case GpuFormat::BC4S: return &kBC4S;
+        case GpuFormat::BC5: return &kBC5;
+        case GpuFormat::BC5S: return &kBC5S;
+        default: return nullptr;  // BC6H, BC7 and ASTC have no kernels yet
+    }
+}
+
+uint64_t capped(uint64_t value, uint64_t cap) {
+    if (cap) value = std::min(value, cap);
+    return std::max<uint64_t>(value, 1);
+}
+
+// The conversion kernel from element type Source to Target.
+template <typename Source, typename Target>
+const char* conversionKernel() {
+    if constexpr (std::is_same_v<Target, uint8_t>) {
+        if constexpr (std::is_same_v<Source, float>) return kernel_names::kF32ToU8;
+        else return kernel_names::kS8ToU8;
+    } else {
+        if constexpr (std::is_same_v<Source, float>) return kernel_names::kF32ToS8;
+        else return kernel_names::kU8ToS8;
+    }
+}
+
+// One chunk's work on the device; the first failure is reported once and stops the rest.
+class ChunkEncoder {
+public:
+    ChunkEncoder(const GpuSession& session, const FormatPlan& plan, uint64_t tilesPerLaunch, TimingContext* timing)
+        : m_session(session), m_api(session.api()), m_plan(plan), m_tilesPerLaunch(tilesPerLaunch), m_timing(timing) {}
+
+    bool failed() const { return m_failed; }
+
+    template <typename Source, typename CPUBuffer>
+    void encode(const CPUBuffer& cpu, TileRange range, uint8_t* output, bool outputInDeviceMemory) {
+        using GPUBuffer = glyptora::TGPUBuffer<TGPUView<Source>, CPUBuffer>;
+        const GPUBuffer tiles(cpu, range.first, int64_t(range.end), m_timing);
+        if (!tiles.ok()) return fail("host to device copy", tiles.error());
+        if (m_plan.signedKernels) encodeTiles<Source, int8_t>(tiles.view(), range, output, outputInDeviceMemory);
+        else encodeTiles<Source, uint8_t>(tiles.view(), range, output, outputInDeviceMemory);
+    }
+
+private:
+    // The per-chunk encoder: converts the elements if the kernels need another type, runs
+    // the launches, waits for them and copies the blocks back.
+    template <typename Source, typename Target>
+    void encodeTiles(const TGPUView<Source>& source, TileRange range, uint8_t* output, bool outputInDeviceMemory) {
+        ScopedTimer timer(m_timing, m_plan.chunkLabel);
+        const uint64_t count = range.end - range.first;
+        const size_t outputBytes = size_t(count) * size_t(m_plan.blockBytes);
+
+        DeviceMemory staging;
+        cuda::CUdeviceptr out = 0;
+        if (outputInDeviceMemory) {
+            out = cuda::CUdeviceptr(reinterpret_cast<uintptr_t>(output)) + range.first * uint64_t(m_plan.blockBytes);
+        } else {
+            staging = DeviceMemory(m_session, outputBytes);
+            if (!staging.ok()) return fail("output allocation", staging.error());
+            out = staging.address();
+        }
+
+        DeviceMemory converted;
+        TGPUView<Target> view;
+        if constexpr (std::is_same_v<Source, Target>) {
+            view = source;
+        } else {
+            converted = DeviceMemory(m_session, size_t(elementCount(source)) * sizeof(Target));
+            if (!converted.ok()) return fail("conversion buffer allocation", converted.error());
+            for (int c = 0; c < 4; ++c) {
+                view.weights[c] = source.weights[c];
+                view.inverseWeights[c] = source.inverseWeights[c];
+            }
+            view.tileWidth = source.tileWidth;
+            view.tileHeight = source.tileHeight;
+            view.tileCount = source.tileCount;
+            view.reserved = 0;
+            view.regions = source.regions;
+            view.data = converted.as<Target>();
+            if (!convert(conversionKernel<Source, Target>(), source, view)) return;
+        }
+
+        const uint64_t launches = (count + m_tilesPerLaunch - 1) / m_tilesPerLaunch;
+        forEachEvenSplit(count, launches, [&](TileRange launch) {
+            if (!m_failed)
+                launchFormat(subView(view, uint32_t(launch.first), uint32_t(launch.end - launch.first)),
+                             out + launch.first * uint64_t(m_plan.blockBytes));
+        });
+        if (m_failed) return;
+        const cuda::CUresult result = m_api.cuCtxSynchronize();
+        if (result != cuda::kSuccess) return fail("kernel execution", result);
+
+        if (!outputInDeviceMemory) {
+            ScopedTimer copyTimer(m_timing, "device to host");
+            const cuda::CUresult copied =
+                m_api.cuMemcpyDtoH(output + range.first * uint64_t(m_plan.blockBytes), out, outputBytes);
+            if (copied != cuda::kSuccess) return fail("device to host copy", copied);
+        }
+    }
+
+    // One thread per channel value, 128 threads per CUDA block.
+    template <typename Source, typename Target>
+    bool convert(const char* kernelName, TGPUView<Source> source, TGPUView<Target> target) {
+        cuda::CUfunction kernel = lookUp(kernelName);
+        if (!kernel) return false;
+        const uint64_t grid = (elementCount(source) + 127) / 128;
+        void* parameters[] = {&source, &target};
+        const cuda::CUresult result =
+            m_api.cuLaunchKernel(kernel, unsigned(grid), 1, 1, 128, 1, 1, 0, nullptr, parameters, nullptr);
+        if (result != cuda::kSuccess) fail("conversion launch", result);
+        return result == cuda::kSuccess;
+    }
+
+    // The launch function of the format: one thread per 4x4 block, 64 threads per CUDA
+    // block, the channel kernel (with the block count) before the colour kernel.
+    template <typename T>
+    void launchFormat(TGPUView<T> view, cuda::CUdeviceptr out) {
+        ScopedTimer timer(m_timing, m_plan.launchLabel);
+        uint32_t n = view.tileCount;
+        const unsigned grid = unsigned((uint64_t(n) + 63) / 64);
+        if (m_plan.channelKernel) {
+            cuda::CUfunction kernel = lookUp(m_plan.channelKernel);
+            if (!kernel) return;
+            void* parameters[] = {&view, &n, &out};
+            const cuda::CUresult result =
+                m_api.cuLaunchKernel(kernel, grid, 1, 1, 64, 1, 1, 0, nullptr, parameters, nullptr);
+            if (result != cuda::kSuccess) return fail("kernel launch", result);
+        }
+        if (m_plan.colourKernel) {
+            cuda::CUfunction kernel = lookUp(m_plan.colourKernel);
+            if (!kernel) return;
+            void* parameters[] = {&view, &out};
+            const cuda::CUresult result =
+                m_api.cuLaunchKernel(kernel, grid, 1, 1, 64, 1, 1, 0, nullptr, parameters, nullptr);
+            if (result != cuda::kSuccess) return fail("kernel launch", result);
+        }
+    }
+
+    cuda::CUfunction lookUp(const char* name) {
+        cuda::CUfunction kernel = m_session.kernel(name);
+        if (!kernel && !m_failed) {
+            diagnosticPrint("*** GPU kernel %s is missing from the kernel module.\n", name);
+            m_failed = true;
+        }
+        return kernel;
+    }
+
+    void fail(const char* step, cuda::CUresult result) {
+        if (!m_failed) diagnosticPrint("*** GPU encoding failed at %s: '%s'.\n", step, m_session.errorText(result).c_str());
+        m_failed = true;
+    }
+
+    const GpuSession& m_session;
+    const cuda::DriverApi& m_api;
+    const FormatPlan& m_plan;
+    const uint64_t m_tilesPerLaunch;
+    TimingContext* m_timing;
+    bool m_failed = false;
+};
+
+template <typename Source, typename CPUBuffer>
+bool encodeChunks(const GpuSession& session, const FormatPlan& plan, const CPUBuffer& buffer, uint8_t* output,
+                  bool outputInDeviceMemory, TimingContext* timing) {
+    const CudaDeviceProperties& properties = session.properties();
+    const uint64_t tilesPerChunk = capped(
+        gpuTilesPerChunk(properties.totalGlobalMem, buffer.tileWidth, buffer.tileHeight, int(buffer.bytesPerPixel())),
+        g_maxTilesPerChunk.load());
+    const uint64_t chunks = gpuChunkCount(buffer.tileCount, tilesPerChunk);
+    const uint64_t tilesPerLaunch =
+        capped(gpuLaunchLimit(properties.clockRate, properties.multiProcessorCount, plan.launchDivisor),
+               g_maxTilesPerLaunch.load());
+
+    ChunkEncoder encoder(session, plan, tilesPerLaunch, timing);
+    forEachEvenSplit(buffer.tileCount, chunks, [&](TileRange range) {
+        if (!encoder.failed()) encoder.template encode<Source>(buffer, range, output, outputInDeviceMemory);
+    });
+    return !encoder.failed();
+}
+
+}  // namespace
+
+bool encodeOnGpu(GpuFormat format, const CPUBuffer_Base& buffer, uint8_t* output, bool outputInDeviceMemory,
+                 TimingContext* timing) {
+    const FormatPlan* plan = planFor(format);
+    if (!plan) return false;
+    if (buffer.tileCount == 0) return true;  // no chunk, no output
+    if (buffer.tileWidth != 4 || buffer.tileHeight != 4) {
+        diagnosticPrint("%s Compressor: only tile size 4x4 is supported.\n", plan->entryName);
+        return false;
+    }
+    const GpuSession* session = currentGpuSession();
+    if (!session) return false;
+    if (auto* u8 = dynamic_cast<const glyptora::U8TileBuffer*>(&buffer))
+        return encodeChunks<uint8_t>(*session, *plan, *u8, output, outputInDeviceMemory, timing);
+    if (auto* s8 = dynamic_cast<const glyptora::S8TileBuffer*>(&buffer))
+        return encodeChunks<int8_t>(*session, *plan, *s8, output, outputInDeviceMemory, timing);
+    if (auto* f32 = dynamic_cast<const glyptora::F32TileBuffer*>(&buffer))
+        return encodeChunks<float>(*session, *plan, *f32, output, outputInDeviceMemory, timing);
     return false;
 }
 
-bool copyHostToDevice(void*, const void*, size_t) { return false; }
+bool copyHostToDevice(void* deviceDestination, const void* host, size_t bytes) {
+    const GpuSession* session = currentGpuSession();
+    if (!session) return false;
+    if (bytes == 0) return true;
+    const cuda::CUresult result = session->api().cuMemcpyHtoD(
+        cuda::CUdeviceptr(reinterpret_cast<uintptr_t>(deviceDestination)), host, bytes);
+    if (result != cuda::kSuccess) {
+        diagnosticPrint("*** Copy to device memory failed: '%s'.\n", session->errorText(result).c_str());
+        return false;
+    }
+    return true;
+}
+
+namespace gpu_testing {
+
+void setWorkLimits(uint64_t maxTilesPerChunk, uint64_t maxTilesPerLaunch) {
+    g_maxTilesPerChunk.store(maxTilesPerChunk);
+    g_maxTilesPerLaunch.store(maxTilesPerLaunch);
+}
+
+}  // namespace gpu_testing
 
 }  // namespace glyptora_internal

@@ -1,0 +1,22 @@
+#pragma once
+// Names of the kernels in the embedded module. The kernels are extern "C" functions, so the
+// module's symbol is the plain name below (looked up with cuModuleGetFunction).
+namespace glyptora_internal::kernel_names {
+
+// BC1 to BC5, one thread per 4x4 block, 64 threads per CUDA block.
+inline constexpr const char* kCompressDXT1a = "glyptora_compressDXT1a";          // (GPUU8View, uint2* out)
+inline constexpr const char* kCompressDXT3 = "glyptora_compressDXT3";            // (GPUU8View, uint2* out)
+inline constexpr const char* kCompressDXT5Alpha = "glyptora_compressDXT5_Alpha"; // (GPUU8View, uint32 n, uint2* out)
+inline constexpr const char* kCompressDXT5Color = "glyptora_compressDXT5_Color"; // (GPUU8View, uint2* out)
+inline constexpr const char* kCompressBC4 = "glyptora_compressBC4";              // (GPUU8View, uint32 n, uint2* out)
+inline constexpr const char* kCompressBC4S = "glyptora_compressBC4S";            // (GPUS8View, uint32 n, uint2* out)
+inline constexpr const char* kCompressBC5 = "glyptora_compressBC5";              // (GPUU8View, uint32 n, uint2* out)
+inline constexpr const char* kCompressBC5S = "glyptora_compressBC5S";            // (GPUS8View, uint32 n, uint2* out)
+
+// Element conversions, one thread per channel value, 128 threads per CUDA block.
+inline constexpr const char* kF32ToU8 = "glyptora_g_F32ToU8";  // (GPUF32View source, GPUU8View target)
+inline constexpr const char* kS8ToU8 = "glyptora_g_S8ToU8";    // (GPUS8View source, GPUU8View target)
+inline constexpr const char* kF32ToS8 = "glyptora_g_F32ToS8";  // (GPUF32View source, GPUS8View target)
+inline constexpr const char* kU8ToS8 = "glyptora_g_U8ToS8";    // (GPUU8View source, GPUS8View target)
+
+}  // namespace glyptora_internal::kernel_names
