@@ -12,8 +12,6 @@
 
 #include "bc/bc1_encoder.h"
 
-using namespace glyptora_dxt;
-
 namespace {
 
 struct Point {
@@ -21,42 +19,29 @@ struct Point {
     double w;
 };
 
-// Distinct colours in first-appearance order with summed weights; alpha-0 pixels are
-// left out when `punchThrough`, and weigh (alpha + 1) / 256 when `byAlpha`.
-std::vector<Point> points(const uint8_t* bgra, bool punchThrough, bool byAlpha, std::vector<int>& remap) {
+// Pixel weight: 1, or (alpha + 1) / 256 for BC1a; alpha-0 pixels are skipped for BC1a.
+double weightOf(const uint8_t* p, bool bc1a) { return bc1a ? (p[3] + 1) / 256.0 : 1.0; }
+
+// Distinct colours with summed weights, ordered along the dominant axis of their weighted
+// covariance (power iteration from the row with the largest diagonal entry).
+std::vector<Point> sortedPoints(const uint8_t* bgra, bool bc1a) {
     std::vector<Point> pts;
-    std::vector<uint32_t> keys;
-    remap.assign(16, -1);
     for (int i = 0; i < 16; ++i) {
         const uint8_t* p = bgra + 4 * i;
-        if (punchThrough && p[3] == 0) continue;
-        const uint32_t key = p[0] | (p[1] << 8) | (p[2] << 16);
-        const double w = byAlpha ? (p[3] + 1) / 256.0 : 1.0;
-        auto it = std::find(keys.begin(), keys.end(), key);
-        if (it != keys.end()) {
-            remap[i] = int(it - keys.begin());
-            pts[remap[i]].w += w;
-            continue;
-        }
-        remap[i] = int(pts.size());
-        keys.push_back(key);
-        pts.push_back({{p[2] / 255.0, p[1] / 255.0, p[0] / 255.0}, w});
+        if (bc1a && p[3] == 0) continue;
+        const Point q{{p[2] / 255.0, p[1] / 255.0, p[0] / 255.0}, weightOf(p, bc1a)};
+        auto same = std::find_if(pts.begin(), pts.end(), [&](const Point& o) {
+            return o.x[0] == q.x[0] && o.x[1] == q.x[1] && o.x[2] == q.x[2];
+        });
+        if (same != pts.end()) same->w += q.w;
+        else pts.push_back(q);
     }
-    return pts;
-}
-
-// Points ordered along the dominant axis of the weighted covariance (power iteration
-// from the row with the largest diagonal entry).
-std::vector<Point> sortedAlongAxis(std::vector<Point> pts) {
-    double total = 0, centre[3] = {0, 0, 0}, cov[3][3] = {};
-    for (const Point& p : pts) {
-        total += p.w;
-        for (int c = 0; c < 3; ++c) centre[c] += p.w * p.x[c];
-    }
-    for (double& c : centre) c /= total;
+    double total = 0, centre[3] = {}, cov[3][3] = {};
+    for (const Point& p : pts)
+        for (int c = 0; c < 3; ++c) centre[c] += p.w * p.x[c], total += c == 0 ? p.w : 0;
     for (const Point& p : pts)
         for (int r = 0; r < 3; ++r)
-            for (int c = 0; c < 3; ++c) cov[r][c] += p.w * (p.x[r] - centre[r]) * (p.x[c] - centre[c]);
+            for (int c = 0; c < 3; ++c) cov[r][c] += p.w * (p.x[r] - centre[r] / total) * (p.x[c] - centre[c] / total);
     int start = 0;
     for (int d = 1; d < 3; ++d)
         if (cov[d][d] > cov[start][start]) start = d;
@@ -67,41 +52,22 @@ std::vector<Point> sortedAlongAxis(std::vector<Point> pts) {
         const double m = std::max({std::fabs(u[0]), std::fabs(u[1]), std::fabs(u[2])});
         for (int r = 0; r < 3; ++r) v[r] = u[r] / m;
     }
-    std::stable_sort(pts.begin(), pts.end(), [&](const Point& a, const Point& b) {
-        return a.x[0] * v[0] + a.x[1] * v[1] + a.x[2] * v[2] < b.x[0] * v[0] + b.x[1] * v[1] + b.x[2] * v[2];
-    });
+    auto along = [&](const Point& p) { return p.x[0] * v[0] + p.x[1] * v[1] + p.x[2] * v[2]; };
+    std::stable_sort(pts.begin(), pts.end(), [&](const Point& a, const Point& b) { return along(a) < along(b); });
     return pts;
 }
 
 const double kLevels[3] = {31, 63, 31};
 
-double snap(double v, int c) { return std::trunc(std::clamp(v, 0.0, 1.0) * kLevels[c] + 0.5) / kLevels[c]; }
-
-// Full weighted error of the points painted with palette weights `alpha` (on a; 1 - alpha on b).
-double error(const std::vector<Point>& pts, const std::vector<double>& alpha, const double a[3], const double b[3],
-             const double metric[3]) {
-    double e = 0;
-    for (size_t i = 0; i < pts.size(); ++i)
-        for (int c = 0; c < 3; ++c) {
-            const double d = alpha[i] * a[c] + (1 - alpha[i]) * b[c] - pts[i].x[c];
-            e += metric[c] * metric[c] * pts[i].w * d * d;
-        }
-    return e;
-}
-
 // Smallest error over every split of the sorted points into clusters with palette
-// weights `clusterAlpha` (4 clusters: 1, 2/3, 1/3, 0; 3 clusters: 1, 1/2, 0).
-double bestSplitError(const std::vector<Point>& pts, const std::vector<double>& clusterAlpha, const double metric[3]) {
+// weights `clusterAlpha` on endpoint a (1 - alpha on b).
+double bestSplitError(const std::vector<Point>& pts, const std::vector<double>& clusterAlpha, const float* metric) {
     const int n = int(pts.size()), clusters = int(clusterAlpha.size());
     double best = 1e30;
     std::vector<int> cut(clusters - 1, 0);
-    while (true) {
+    for (;;) {
         std::vector<double> alpha(n);
-        for (int i = 0; i < n; ++i) {
-            int k = 0;
-            while (k < clusters - 1 && i >= cut[k]) ++k;
-            alpha[i] = clusterAlpha[k];
-        }
+        for (int i = 0; i < n; ++i) alpha[i] = clusterAlpha[std::upper_bound(cut.begin(), cut.end(), i) - cut.begin()];
         double aa = 0, bb = 0, ab = 0, ax[3] = {}, bx[3] = {};
         for (int i = 0; i < n; ++i) {
             const double al = alpha[i], be = 1 - al, w = pts[i].w;
@@ -110,65 +76,59 @@ double bestSplitError(const std::vector<Point>& pts, const std::vector<double>& 
         }
         const double det = aa * bb - ab * ab;
         if (std::fabs(det) > 1e-9) {
-            double a[3], b[3];
+            double e = 0;
             for (int c = 0; c < 3; ++c) {
-                a[c] = snap((bb * ax[c] - ab * bx[c]) / det, c);
-                b[c] = snap((aa * bx[c] - ab * ax[c]) / det, c);
+                auto snap = [&](double v) { return std::trunc(std::clamp(v, 0.0, 1.0) * kLevels[c] + 0.5) / kLevels[c]; };
+                const double a = snap((bb * ax[c] - ab * bx[c]) / det), b = snap((aa * bx[c] - ab * ax[c]) / det);
+                for (int i = 0; i < n; ++i)
+                    e += metric[c] * metric[c] * pts[i].w * std::pow(alpha[i] * a + (1 - alpha[i]) * b - pts[i].x[c], 2);
             }
-            best = std::min(best, error(pts, alpha, a, b, metric));
+            best = std::min(best, e);
         }
-        // Next cut vector, non-decreasing, each cut in [0, n].
-        int k = clusters - 2;
+        int k = clusters - 2;  // next non-decreasing cut vector
         while (k >= 0 && cut[k] == n) --k;
-        if (k < 0) break;
+        if (k < 0) return best;
         ++cut[k];
         for (int m = k + 1; m < clusters - 1; ++m) cut[m] = cut[k];
     }
-    return best;
 }
 
-// Error of an encoded block in the same units: endpoints as grid levels / (31, 63, 31),
-// palette weights from the indices and the block's mode.
-double blockError(const uint8_t* block, const uint8_t* bgra, bool byAlpha, const std::vector<Point>& pts,
-                  const std::vector<int>& remap, const double metric[3]) {
+// The block's error in the same units: endpoints as grid levels / (31, 63, 31), palette
+// weights from the indices and the block's mode. Opaque pixels must not be on index 3.
+double blockError(const uint8_t* block, const uint8_t* bgra, bool bc1a, const float* metric) {
     const unsigned c0 = block[0] | (block[1] << 8), c1 = block[2] | (block[3] << 8);
-    const uint32_t idx = block[4] | (block[5] << 8) | (block[6] << 16) | (uint32_t(block[7]) << 24);
     const double e0[3] = {(c0 >> 11) / 31.0, ((c0 >> 5) & 63) / 63.0, (c0 & 31) / 31.0};
     const double e1[3] = {(c1 >> 11) / 31.0, ((c1 >> 5) & 63) / 63.0, (c1 & 31) / 31.0};
-    const double fourColour[4] = {1, 0, 2.0 / 3, 1.0 / 3}, threeColour[4] = {1, 0, 0.5, -1};
+    const double four[4] = {1, 0, 2.0 / 3, 1.0 / 3}, three[4] = {1, 0, 0.5, -1};
     double e = 0;
     for (int i = 0; i < 16; ++i) {
-        if (remap[i] < 0) continue;
-        const double al = (c0 > c1 ? fourColour : threeColour)[(idx >> (2 * i)) & 3];
-        EXPECT_GE(al, 0.0) << "opaque pixel " << i << " written transparent";
-        const Point& p = pts[remap[i]];
-        const double w = byAlpha ? (bgra[4 * i + 3] + 1) / 256.0 : 1.0;
-        for (int c = 0; c < 3; ++c) {
-            const double d = al * e0[c] + (1 - al) * e1[c] - p.x[c];
-            e += metric[c] * metric[c] * w * d * d;
+        const uint8_t* p = bgra + 4 * i;
+        const int index = (block[4 + i / 4] >> (2 * (i % 4))) & 3;
+        if (bc1a && p[3] == 0) {
+            EXPECT_EQ(index, 3) << "transparent pixel " << i;
+            continue;
         }
+        const double al = (c0 > c1 ? four : three)[index];
+        EXPECT_GE(al, 0.0) << "opaque pixel " << i << " written transparent";
+        for (int c = 0; c < 3; ++c)
+            e += metric[c] * metric[c] * weightOf(p, bc1a) * std::pow(al * e0[c] + (1 - al) * e1[c] - p[2 - c] / 255.0, 2);
     }
     return e;
 }
 
-// Random block with a dominant direction, some repeated colours and noise.
+// Random block with a dominant direction, repeated colours, noise and random alpha.
 std::array<uint8_t, 64> randomBlock(std::mt19937& rng) {
     std::array<uint8_t, 64> px;
     int a[3], b[3];
     for (int c = 0; c < 3; ++c) a[c] = int(rng() % 256), b[c] = int(rng() % 256);
     const int noise = int(rng() % 40);
     for (int i = 0; i < 16; ++i) {
-        if (i > 0 && rng() % 4 == 0) {  // repeat an earlier pixel
-            const int j = int(rng() % i);
-            for (int c = 0; c < 4; ++c) px[4 * i + c] = px[4 * j + c];
-            continue;
-        }
+        const int j = i > 0 && rng() % 4 == 0 ? int(rng() % i) : -1;
         const double t = (rng() % 1000) / 999.0;
-        for (int c = 0; c < 3; ++c) {
-            const int v = int(a[c] + (b[c] - a[c]) * t) + int(rng() % (2 * noise + 1)) - noise;
-            px[4 * i + 2 - c] = uint8_t(std::clamp(v, 0, 255));
-        }
+        for (int c = 0; c < 3; ++c)
+            px[4 * i + 2 - c] = uint8_t(std::clamp(int(a[c] + (b[c] - a[c]) * t) + int(rng() % (2 * noise + 1)) - noise, 0, 255));
         px[4 * i + 3] = uint8_t(rng());
+        if (j >= 0) std::copy_n(&px[4 * j], 4, &px[4 * i]);
     }
     return px;
 }
@@ -178,37 +138,27 @@ std::array<uint8_t, 64> randomBlock(std::mt19937& rng) {
 TEST(ClusterFit, FourColourBlockReachesTheBestSplit) {
     std::mt19937 rng(17);
     for (int n = 0; n < 300; ++n) {
-        const auto px = randomBlock(rng);
         const float metric[3] = {n % 2 ? 0.2126f : 1.0f, n % 2 ? 0.7152f : 1.0f, n % 2 ? 0.0722f : 1.0f};
-        const double m[3] = {metric[0], metric[1], metric[2]};
-        std::vector<int> remap;
-        const std::vector<Point> pts = points(px.data(), false, false, remap);
+        const auto px = randomBlock(rng);
+        const std::vector<Point> pts = sortedPoints(px.data(), false);
         if (pts.size() < 2) continue;
         uint8_t block[8];
-        encodeColourBlock(px.data(), false, metric, block);
-        const double best = bestSplitError(sortedAlongAxis(pts), {1, 2.0 / 3, 1.0 / 3, 0}, m);
-        ASSERT_NEAR(blockError(block, px.data(), false, pts, remap, m), best, 1e-4) << "block " << n;
+        glyptora_dxt::encodeColourBlock(px.data(), false, metric, block);
+        ASSERT_NEAR(blockError(block, px.data(), false, metric), bestSplitError(pts, {1, 2.0 / 3, 1.0 / 3, 0}, metric), 1e-4)
+            << n;
     }
 }
 
 TEST(ClusterFit, ThreeColourBlockWithTransparencyReachesTheBestSplit) {
     std::mt19937 rng(19);
+    const float metric[3] = {1, 1, 1};
     for (int n = 0; n < 300; ++n) {
         auto px = randomBlock(rng);
-        px[4 * (n % 16) + 3] = 0;  // forces 3-colour mode; weights follow alpha
-        std::vector<int> remap;
-        const std::vector<Point> pts = points(px.data(), true, true, remap);
+        px[4 * (n % 16) + 3] = 0;  // a transparent pixel forces 3-colour mode
+        const std::vector<Point> pts = sortedPoints(px.data(), true);
         if (pts.size() < 2) continue;
-        const float metric[3] = {1, 1, 1};
-        const double m[3] = {1, 1, 1};
         uint8_t block[8];
-        encodeBC1aBlock(px.data(), false, metric, block);
-        const double best = bestSplitError(sortedAlongAxis(pts), {1, 0.5, 0}, m);
-        ASSERT_NEAR(blockError(block, px.data(), true, pts, remap, m), best, 1e-4) << "block " << n;
-        for (int i = 0; i < 16; ++i) {
-            if (px[4 * i + 3] == 0) {
-                ASSERT_EQ((block[4 + i / 4] >> (2 * (i % 4))) & 3, 3) << i;
-            }
-        }
+        glyptora_dxt::encodeBC1aBlock(px.data(), false, metric, block);
+        ASSERT_NEAR(blockError(block, px.data(), true, metric), bestSplitError(pts, {1, 0.5, 0}, metric), 1e-4) << n;
     }
 }
