@@ -14,6 +14,9 @@
 namespace glyptora_simd {
 
 #if defined(GLYPTORA_SIMD_SSE)
+// Each backend lives in its own inline namespace so that objects built with different
+// backends never share a symbol for types of different layout.
+inline namespace sse_backend {
 
 struct Vec4i;
 
@@ -88,7 +91,10 @@ inline Vec4i truncateToInt(Vec4f a) { return Vec4i(_mm_cvttps_epi32(a.v)); }
 inline Vec4f asFloat(Vec4i a) { return Vec4f(_mm_castsi128_ps(a.v)); }
 inline Vec4i asInt(Vec4f a) { return Vec4i(_mm_castps_si128(a.v)); }
 
+}  // namespace sse_backend
+
 #else  // scalar backend
+inline namespace scalar_backend {
 
 struct Vec4f {
     float e[4];
@@ -162,6 +168,8 @@ GLYPTORA_HD inline Vec4i select(Vec4i mask, Vec4i a, Vec4i b) { GLYPTORA_VEC4I_L
 GLYPTORA_HD inline Vec4i truncateToInt(Vec4f a) { GLYPTORA_VEC4I_LANEWISE(int(a.e[i])); }
 #undef GLYPTORA_VEC4I_LANEWISE
 GLYPTORA_HD inline Vec4f toFloat(Vec4i a) { return Vec4f(float(a.e[0]), float(a.e[1]), float(a.e[2]), float(a.e[3])); }
+
+}  // namespace scalar_backend
 
 #endif
 
