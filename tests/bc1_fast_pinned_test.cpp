@@ -1,0 +1,264 @@
+// Pins the exact output of the fast BC1 block functions and of the unsigned tile fetch:
+// a few thousand deterministic blocks of many kinds are encoded and the FNV-1a hash of
+// every output byte is compared with the value recorded from the reference build.
+// Any change to the fast path that alters even one bit of one block fails here.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "bc/bc1_encoder.h"
+#include "bc/colour_block.h"
+#include "core/cpu_encoders.h"
+#include "core/cpu_input_buffer.h"
+
+namespace {
+
+using Pixels = std::array<uint8_t, 64>;  // blue, green, red, alpha per pixel
+
+struct Fnv1a {
+    uint64_t h = 0xcbf29ce484222325ull;
+    void add(const uint8_t* p, size_t n) {
+        for (size_t i = 0; i < n; ++i) {
+            h ^= p[i];
+            h *= 0x100000001b3ull;
+        }
+    }
+};
+
+// Small deterministic generator (xorshift64*), independent of the standard library's distributions.
+struct Rng {
+    uint64_t s;
+    explicit Rng(uint64_t seed) : s(seed ? seed : 1) {}
+    uint32_t next() {
+        s ^= s >> 12;
+        s ^= s << 25;
+        s ^= s >> 27;
+        return uint32_t((s * 0x2545F4914F6CDD1Dull) >> 32);
+    }
+    int below(int n) { return int(next() % uint32_t(n)); }
+    int range(int lo, int hi) { return lo + below(hi - lo + 1); }
+};
+
+int clampByte(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+
+void setPixel(Pixels& p, int i, int r, int g, int b, int a) {
+    p[4 * i + 0] = uint8_t(clampByte(b));
+    p[4 * i + 1] = uint8_t(clampByte(g));
+    p[4 * i + 2] = uint8_t(clampByte(r));
+    p[4 * i + 3] = uint8_t(clampByte(a));
+}
+
+// Alpha patterns: opaque, random full range, some zeros, zeros plus 1..127, only 1..127, all zero.
+int alphaFor(Rng& rng, int pattern, int i) {
+    switch (pattern) {
+    case 0: return 255;
+    case 1: return rng.below(256);
+    case 2: return rng.below(4) == 0 ? 0 : rng.range(128, 255);
+    case 3: {
+        const int k = rng.below(4);
+        return k == 0 ? 0 : (k == 1 ? rng.range(1, 127) : rng.range(128, 255));
+    }
+    case 4: return rng.below(3) == 0 ? rng.range(1, 127) : 255;
+    case 5: return 0;
+    case 6: return i == 5 ? 0 : rng.range(1, 127);
+    default: return (i & 1) ? 255 : rng.range(0, 2);
+    }
+}
+
+Pixels makeBlock(Rng& rng, int kind) {
+    Pixels p{};
+    const int alphaPattern = rng.below(8) < 4 ? 0 : rng.below(8);
+    switch (kind) {
+    case 0: {  // uniform noise
+        for (int i = 0; i < 16; ++i) {
+            const int r = rng.below(256);
+            const int g = rng.below(256);
+            const int b = rng.below(256);
+            setPixel(p, i, r, g, b, alphaFor(rng, alphaPattern, i));
+        }
+        break;
+    }
+    case 1: {  // smooth gradient plus noise
+        const int base[3] = {rng.below(256), rng.below(256), rng.below(256)};
+        int dx[3], dy[3];
+        for (int c = 0; c < 3; ++c) dx[c] = rng.range(-24, 24), dy[c] = rng.range(-24, 24);
+        const int noise = rng.below(4) == 0 ? 0 : rng.range(1, 12);
+        for (int i = 0; i < 16; ++i) {
+            const int x = i & 3, y = i >> 2;
+            int v[3];
+            for (int c = 0; c < 3; ++c) v[c] = base[c] + dx[c] * x + dy[c] * y + (noise ? rng.range(-noise, noise) : 0);
+            setPixel(p, i, v[0], v[1], v[2], alphaFor(rng, alphaPattern, i));
+        }
+        break;
+    }
+    case 2: {  // flat colour (alpha may vary)
+        const int r = rng.below(256), g = rng.below(256), b = rng.below(256);
+        for (int i = 0; i < 16; ++i) setPixel(p, i, r, g, b, alphaFor(rng, alphaPattern, i));
+        break;
+    }
+    case 3: {  // two colours
+        int c[2][3];
+        for (auto& col : c)
+            for (int& v : col) v = rng.below(256);
+        const uint32_t pick = rng.next();
+        for (int i = 0; i < 16; ++i) {
+            const int k = (pick >> i) & 1;
+            setPixel(p, i, c[k][0], c[k][1], c[k][2], alphaFor(rng, alphaPattern, i));
+        }
+        break;
+    }
+    case 4: {  // nearly flat: one or two pixels differ slightly or strongly
+        const int r = rng.below(256), g = rng.below(256), b = rng.below(256);
+        for (int i = 0; i < 16; ++i) setPixel(p, i, r, g, b, alphaFor(rng, alphaPattern, i));
+        const int spread = rng.below(2) ? 2 : 80;
+        for (int n = rng.range(1, 2); n > 0; --n) {
+            const int i = rng.below(16);
+            const int dr = rng.range(-spread, spread);
+            const int dg = rng.range(-spread, spread);
+            const int db = rng.range(-spread, spread);
+            setPixel(p, i, r + dr, g + dg, b + db, p[4 * i + 3]);
+        }
+        break;
+    }
+    case 5: {  // extremes: channels at 0 or 255, and values near them
+        for (int i = 0; i < 16; ++i) {
+            int v[3];
+            for (int& x : v) {
+                const int k = rng.below(4);
+                x = k == 0 ? 0 : (k == 1 ? 255 : (k == 2 ? rng.range(0, 6) : rng.range(249, 255)));
+            }
+            setPixel(p, i, v[0], v[1], v[2], alphaFor(rng, alphaPattern, i));
+        }
+        break;
+    }
+    case 6: {  // grey ramps and anti-correlated channels
+        const int lo = rng.below(200), span = rng.range(1, 255 - lo);
+        const bool flipRed = rng.below(2), flipGreen = rng.below(2);
+        for (int i = 0; i < 16; ++i) {
+            const int t = lo + span * rng.below(16) / 15;
+            const int other = lo + span - (t - lo);
+            setPixel(p, i, flipRed ? other : t, flipGreen ? other : t, t, alphaFor(rng, alphaPattern, i));
+        }
+        break;
+    }
+    default: {  // few distinct colours with small differences (near-singular refinements)
+        int c[3][3];
+        const int r = rng.below(250), g = rng.below(250), b = rng.below(250);
+        for (auto& col : c) col[0] = r + rng.below(6), col[1] = g + rng.below(6), col[2] = b + rng.below(6);
+        for (int i = 0; i < 16; ++i) {
+            const int k = rng.below(3);
+            setPixel(p, i, c[k][0], c[k][1], c[k][2], alphaFor(rng, alphaPattern, i));
+        }
+        break;
+    }
+    }
+    return p;
+}
+
+constexpr int kBlockCount = 6000;
+
+std::vector<Pixels> makeBlocks() {
+    Rng rng(0x9E3779B97F4A7C15ull);
+    std::vector<Pixels> blocks;
+    blocks.reserve(kBlockCount);
+    for (int n = 0; n < kBlockCount; ++n) blocks.push_back(makeBlock(rng, n % 8));
+    return blocks;
+}
+
+// Values recorded from the reference implementation of the fast path.
+constexpr uint64_t kColourFastHash = 0x562349860667a782ull;
+constexpr uint64_t kBC1aFastHash = 0x1963e1d1a6c668feull;
+constexpr uint64_t kFetchHash = 0xaf6e06d6d9a55ed0ull;
+constexpr uint64_t kBC1aImageHash = 0x9d5f4c835a90142eull;
+
+}  // namespace
+
+TEST(BC1FastPinned, ColourBlockFast) {
+    Fnv1a library, inlined;
+    for (const Pixels& p : makeBlocks()) {
+        uint8_t a[8], b[8];
+        glyptora_dxt::encodeColourBlock(p.data(), true, nullptr, a);
+        glyptora_dxt::encodeColourBlockFast(p.data(), b);
+        library.add(a, 8);
+        inlined.add(b, 8);
+    }
+    EXPECT_EQ(library.h, inlined.h);
+    EXPECT_EQ(library.h, kColourFastHash) << std::hex << "0x" << library.h;
+}
+
+TEST(BC1FastPinned, BC1aBlockFast) {
+    Fnv1a library, inlined;
+    for (const Pixels& p : makeBlocks()) {
+        uint8_t a[8], b[8];
+        glyptora_dxt::encodeBC1aBlock(p.data(), true, nullptr, a);
+        glyptora_dxt::encodeBC1aBlockFast(p.data(), b);
+        library.add(a, 8);
+        inlined.add(b, 8);
+    }
+    EXPECT_EQ(library.h, inlined.h);
+    EXPECT_EQ(library.h, kBC1aFastHash) << std::hex << "0x" << library.h;
+}
+
+namespace {
+
+// A 4x4 tile buffer over a 4-channel image of odd size, so that full and partial tiles
+// (wrapped around their valid region) both occur, and the swizzled unsigned fetch is seen.
+glyptora::U8TileBuffer makeTileImage(int width, int height, uint64_t seed) {
+    Rng rng(seed);
+    std::vector<uint8_t> rgba(size_t(width) * size_t(height) * 4);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            uint8_t* q = &rgba[(size_t(y) * size_t(width) + size_t(x)) * 4];
+            q[0] = uint8_t(clampByte(x * 5 + rng.range(-6, 6)));
+            q[1] = uint8_t(clampByte(y * 7 + rng.range(-6, 6)));
+            q[2] = uint8_t(clampByte(((x + y) * 3) % 256 + rng.range(-20, 20)));
+            const int k = rng.below(10);
+            q[3] = uint8_t(k == 0 ? 0 : (k == 1 ? rng.range(1, 127) : 255));
+        }
+    const int tilesX = (width + 3) / 4, tilesY = (height + 3) / 4;
+    glyptora::U8TileBuffer buffer;
+    buffer.tileWidth = 4;
+    buffer.tileHeight = 4;
+    buffer.tileCount = uint32_t(tilesX * tilesY);
+    buffer.tiles.assign(size_t(buffer.tileCount) * 64, 0);
+    buffer.validRegions.resize(buffer.tileCount);
+    for (int ty = 0; ty < tilesY; ++ty)
+        for (int tx = 0; tx < tilesX; ++tx) {
+            const int t = ty * tilesX + tx;
+            const int vw = width - tx * 4 < 4 ? width - tx * 4 : 4;
+            const int vh = height - ty * 4 < 4 ? height - ty * 4 : 4;
+            buffer.validRegions[size_t(t)] = glyptora_internal::TileValidRegion{uint8_t(vw), uint8_t(vh)};
+            for (int y = 0; y < vh; ++y)
+                for (int x = 0; x < vw; ++x)
+                    for (int c = 0; c < 4; ++c)
+                        buffer.tiles[size_t(t) * 64 + size_t(y * 4 + x) * 4 + size_t(c)] =
+                            rgba[(size_t(ty * 4 + y) * size_t(width) + size_t(tx * 4 + x)) * 4 + size_t(c)];
+        }
+    return buffer;
+}
+
+}  // namespace
+
+TEST(BC1FastPinned, UnsignedFetch) {
+    const glyptora::U8TileBuffer buffer = makeTileImage(37, 23, 77);
+    const glyptora_internal::CPUU8View view = buffer.view();
+    Fnv1a hash;
+    for (uint32_t t = 0; t < view.tileCount; ++t) {
+        uint8_t bgra[64];
+        view.fetchBGRA8(t, bgra);
+        hash.add(bgra, 64);
+    }
+    EXPECT_EQ(hash.h, kFetchHash) << std::hex << "0x" << hash.h;
+}
+
+TEST(BC1FastPinned, BC1aFastImage) {
+    const glyptora::U8TileBuffer buffer = makeTileImage(61, 45, 1234);
+    const glyptora_internal::CPUU8View view = buffer.view();
+    std::vector<uint8_t> out(size_t(view.tileCount) * 8, 0);
+    glyptora_dxt::encodeBC1aCPU(view, true, out.data());
+    Fnv1a hash;
+    hash.add(out.data(), out.size());
+    EXPECT_EQ(hash.h, kBC1aImageHash) << std::hex << "0x" << hash.h;
+}
