@@ -2,6 +2,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/host_device.h"
+
 namespace glyptora_internal {
 
 // Valid part of a tile; read as one 16-bit value: width in the low byte, height in the high byte.
@@ -57,12 +59,13 @@ using CPUU8View = TCPUView<unsigned char>;
 using CPUS8View = TCPUView<signed char>;
 using CPUF32View = TCPUView<float>;
 
-// Element conversions shared by the CPU views and the GPU conversion kernels.
-inline uint8_t floatToUnorm8(float v) {
+// Element conversions shared by the CPU views and the GPU conversion kernels; the
+// kernels include this header, so these must stay plain inline arithmetic.
+GLYPTORA_HD inline uint8_t floatToUnorm8(float v) {
     float c = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;  // NaN reads as 0
     return uint8_t(int(c * 255.0f + 0.5f));
 }
-inline int8_t floatToSnorm8(float v) {
+GLYPTORA_HD inline int8_t floatToSnorm8(float v) {
     float c = v > -1.0f ? (v < 1.0f ? v : 1.0f) : -1.0f;
     if (v != v) c = 0.0f;
     float s = c * 127.0f + 0.5f;
@@ -71,8 +74,8 @@ inline int8_t floatToSnorm8(float v) {
     return int8_t(i);
 }
 // Unsigned to signed keeps the byte order of the range but never yields -128.
-inline int8_t unorm8ToSnorm8(uint8_t u) { return u == 0 ? int8_t(-127) : int8_t(uint8_t(u + 128)); }
-inline uint8_t snorm8ToUnorm8(int8_t s) { return uint8_t(uint8_t(s) + 128); }
-inline float snorm8ToFloat(int8_t s) { return s <= -127 ? -1.0f : float(s) / 127.0f; }
+GLYPTORA_HD inline int8_t unorm8ToSnorm8(uint8_t u) { return u == 0 ? int8_t(-127) : int8_t(uint8_t(u + 128)); }
+GLYPTORA_HD inline uint8_t snorm8ToUnorm8(int8_t s) { return uint8_t(uint8_t(s) + 128); }
+GLYPTORA_HD inline float snorm8ToFloat(int8_t s) { return s <= -127 ? -1.0f : float(s) / 127.0f; }
 
 }  // namespace glyptora_internal
