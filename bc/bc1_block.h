@@ -1,28 +1,40 @@
 #pragma once
 // Building blocks of the BC1 colour encoders: block packing, single-colour blocks,
 // 5:6:5 rounding, index selection, and the fast bounding-box encoders (opaque and
-// punch-through). Everything here is plain float arithmetic on 16 fixed pixels so
-// that the same code serves the CPU encoders and the CUDA kernels.
+// punch-through). The fast encoders are written against the four-lane vector layer
+// (core/vec4.h): its SSE backend on x86 hosts, its scalar backend in CUDA device code,
+// so that the same code serves the CPU encoders and the kernels.
 //
 // Pixels arrive as 4 bytes each in memory order blue, green, red, alpha, row by row.
-// Fast-path colours are red, green, blue floats on the 0..255 scale.
+// Fast-path colours are floats on the 0..255 scale, held in two layouts:
+//  - planes: per channel, four vectors of four pixels (pixels 4k..4k+3 in vector k),
+//    for the per-pixel work (bounding box, diagonal, index selection);
+//  - colour vectors: one colour in lanes (blue, green, red, 0), for endpoints and the
+//    per-pixel sums of the least-squares refinement.
+// Every lane computes exactly the float operations, in the same order, that the plain
+// per-channel formulation would, so the blocks do not depend on the backend.
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "bc/single_colour_tables.h"
 #include "core/host_device.h"
+#include "core/vec4.h"
+
+// The SSE and scalar Vec4f differ in layout; a namespace per backend keeps the symbols of
+// translation units built with and without SSE4.1 apart.
+#if defined(GLYPTORA_SIMD_SSE)
+#define GLYPTORA_BC1_BLOCK_ABI simd_sse
+#else
+#define GLYPTORA_BC1_BLOCK_ABI simd_scalar
+#endif
 
 namespace glyptora_dxt {
 namespace bc1 {
+inline namespace GLYPTORA_BC1_BLOCK_ABI {
 
-struct Colour3f {
-    float r, g, b;
-};
-
-GLYPTORA_HD inline float clampf(float v, float lo, float hi) {
-    // NaN reads as lo.
-    return v > lo ? (v < hi ? v : hi) : lo;
-}
+using glyptora_simd::Vec4f;
+using glyptora_simd::Vec4i;
 
 // Little-endian block: col0, col1, then the 32-bit index word (pixel i at bits 2i..2i+1).
 GLYPTORA_HD inline void writeBlock(uint8_t* out, unsigned col0, unsigned col1, uint32_t indices) {
@@ -87,163 +99,249 @@ GLYPTORA_HD inline void writeSingleColourBlockMasked(int red, int green, int blu
     }
 }
 
-// Nearest 5- or 6-bit level of a 0..255 value; the value is replaced by the level's
-// expansion so that later steps see the colour the decoder will produce.
-GLYPTORA_HD inline int roundChannel(float& value, float scale, int limit, int bits) {
-    int q = int(floorf(clampf(value * scale, 0.0f, float(limit))));
-    const int below = bits == 5 ? expand5(q) : expand6(q);
-    const int above = bits == 5 ? (q + 1) * 8 + (q + 1) / 4 : (q + 1) * 4 + (q + 1) / 16;
-    const float d0 = fabsf(value - float(below));
-    const float d1 = fabsf(value - float(above));
-    if (d1 < d0) q = q + 1 < limit ? q + 1 : limit;
-    value = float(bits == 5 ? expand5(q) : expand6(q));
-    return q;
+// Moves bit j of the low 16 bits to bit 2j (one pixel flag to its index position).
+GLYPTORA_HD inline uint32_t spreadPixelBits(uint32_t x) {
+    x = (x | (x << 8)) & 0x00FF00FFu;
+    x = (x | (x << 4)) & 0x0F0F0F0Fu;
+    x = (x | (x << 2)) & 0x33333333u;
+    x = (x | (x << 1)) & 0x55555555u;
+    return x;
 }
 
-// Rounds a 0..255 colour to 5:6:5 in place and returns the packed value.
-GLYPTORA_HD inline unsigned round565(Colour3f& c) {
-    const int r = roundChannel(c.r, 0.12156863f, 31, 5);
-    const int g = roundChannel(c.g, 0.24705882f, 63, 6);
-    const int b = roundChannel(c.b, 0.12156863f, 31, 5);
-    return pack565(r, g, b);
+// The 16 pixels: packed words (blue in the low byte), the colour planes and, for the
+// punch-through encoder, the alpha plane.
+struct FastPixels {
+    int32_t words[16];
+    Vec4f r[4], g[4], b[4], a[4];
+};
+
+GLYPTORA_HD inline void loadFastPixels(const uint8_t* bgra, FastPixels& px) {
+    memcpy(px.words, bgra, sizeof(px.words));  // little-endian: blue, green, red, alpha
+    const Vec4i byteMask(0xFF);
+    for (int k = 0; k < 4; ++k) {
+        const Vec4i w = Vec4i::load(px.words + 4 * k);
+        px.b[k] = glyptora_simd::toFloat(w & byteMask);
+        px.g[k] = glyptora_simd::toFloat((w >> 8) & byteMask);
+        px.r[k] = glyptora_simd::toFloat((w >> 16) & byteMask);
+    }
 }
 
-GLYPTORA_HD inline float distanceSquared(const Colour3f& a, const Colour3f& b) {
-    const float dr = a.r - b.r, dg = a.g - b.g, db = a.b - b.b;
-    return dr * dr + dg * dg + db * db;
+GLYPTORA_HD inline void loadAlphaPlane(FastPixels& px) {
+    for (int k = 0; k < 4; ++k)
+        px.a[k] = glyptora_simd::toFloat((Vec4i::load(px.words + 4 * k) >> 24) & Vec4i(0xFF));
+}
+
+// Bit i set for every pixel whose alpha is at most `limit` (alpha plane loaded).
+GLYPTORA_HD inline uint32_t alphaAtMost(const FastPixels& px, float limit) {
+    const Vec4f bound(limit);
+    uint32_t bits = 0;
+    for (int k = 0; k < 4; ++k)
+        bits |= uint32_t(glyptora_simd::moveMask(glyptora_simd::cmpLessEqual(px.a[k], bound))) << (4 * k);
+    return bits;
+}
+
+// Colour vector (blue, green, red, 0) of pixel i.
+GLYPTORA_HD inline Vec4f pixelColour(const FastPixels& px, int i) {
+    const int32_t w = px.words[i];
+#if defined(GLYPTORA_SIMD_SSE)
+    return Vec4f(_mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(w & 0xFFFFFF))));
+#else
+    return Vec4f(float(w & 0xFF), float((w >> 8) & 0xFF), float((w >> 16) & 0xFF), 0.0f);
+#endif
+}
+
+// Lanes of a vector combined with max / min (exact, any order).
+GLYPTORA_HD inline float laneMax(Vec4f v) {
+    const float a = v.x() > v.y() ? v.x() : v.y();
+    const float b = v.z() > v.w() ? v.z() : v.w();
+    return a > b ? a : b;
+}
+GLYPTORA_HD inline float laneMin(Vec4f v) {
+    const float a = v.x() < v.y() ? v.x() : v.y();
+    const float b = v.z() < v.w() ? v.z() : v.w();
+    return a < b ? a : b;
+}
+
+// 5:6:5 grid of the colour lanes (blue, green, red): per-lane scale to the level range,
+// level limit, and the bit-replicating expansion level * expandMul + floor(level * expandShift).
+struct Grid565 {
+    Vec4f scale{0.12156863f, 0.24705882f, 0.12156863f, 0.0f};  // 31/255, 63/255, 31/255
+    Vec4f limit{31.0f, 63.0f, 31.0f, 0.0f};
+    Vec4f expandMul{8.0f, 4.0f, 8.0f, 0.0f};
+    Vec4f expandShift{0.25f, 0.0625f, 0.25f, 0.0f};
+    GLYPTORA_HD Vec4f expand(Vec4f level) const { return level * expandMul + glyptora_simd::floor(level * expandShift); }
+};
+
+// Rounds a 0..255 colour vector to 5:6:5 in place and returns the packed value. Per
+// channel: q = floor(clamp(value * 31/255 (63/255), 0, limit)), moved up one level when
+// the next level's expansion is strictly nearer (capped at the limit); the value becomes
+// the chosen level's expansion so that later steps see the colour the decoder produces.
+// All levels and expansions are small integers, exact in float.
+GLYPTORA_HD inline unsigned round565(Vec4f& c) {
+    const Grid565 grid;
+    const Vec4f zero(0.0f);
+    // The clamped value is never negative, so truncation is the floor (NaN reads as 0).
+    const Vec4f level = glyptora_simd::truncate(glyptora_simd::clamp(c * grid.scale, zero, grid.limit));
+    const Vec4f next = level + Vec4f(1.0f);
+    const Vec4f d0 = glyptora_simd::abs(c - grid.expand(level));
+    const Vec4f d1 = glyptora_simd::abs(c - grid.expand(next));
+    const Vec4f chosen =
+        glyptora_simd::select(glyptora_simd::cmpLess(d1, d0), glyptora_simd::min(next, grid.limit), level);
+    c = grid.expand(chosen);
+    return pack565(int(chosen.z()), int(chosen.y()), int(chosen.x()));
 }
 
 // 4-colour indices by unweighted squared distance to c0, c1 and the two thirds points.
-// The thirds use two slightly different constant pairs; ties fall to the lower entry.
-GLYPTORA_HD inline uint32_t selectFourColourIndices(const Colour3f* px, const Colour3f& c0, const Colour3f& c1) {
-    const float k2a = 0x1.555554p-1f;  // 0.6666666  (0x3F2AAAAA)
-    const float k2b = 0x1.555556p-2f;  // 0.33333334 (0x3EAAAAAB)
-    const float k3a = 0x1.555554p-2f;  // 0.3333333  (0x3EAAAAAA)
-    const float k3b = 0x1.555556p-1f;  // 0.6666667  (0x3F2AAAAB)
-    const Colour3f p2{c0.r * k2a + c1.r * k2b, c0.g * k2a + c1.g * k2b, c0.b * k2a + c1.b * k2b};
-    const Colour3f p3{c0.r * k3a + c1.r * k3b, c0.g * k3a + c1.g * k3b, c0.b * k3a + c1.b * k3b};
-    uint32_t indices = 0;
-    for (int i = 0; i < 16; ++i) {
-        const float d0 = distanceSquared(px[i], c0);
-        const float d1 = distanceSquared(px[i], c1);
-        const float d2 = distanceSquared(px[i], p2);
-        const float d3 = distanceSquared(px[i], p3);
-        const uint32_t hi = ((d0 > d2 && d1 > d2) || (d0 > d3 && d1 > d3)) ? 1u : 0u;
-        const uint32_t lo = (d0 > d3 && d2 > d3) ? 1u : 0u;
-        indices |= (2u * hi + lo) << (2 * i);
+// The thirds use two slightly different constant pairs; ties fall to the lower entry:
+// index = 2*((d0 > d2 && d1 > d2) || (d0 > d3 && d1 > d3)) + (d0 > d3 && d2 > d3),
+// evaluated as 2*(min(d0, d1) > min(d2, d3)) + (min(d0, d2) > d3) (distances are never NaN).
+GLYPTORA_HD inline uint32_t selectFourColourIndices(const FastPixels& px, Vec4f c0, Vec4f c1) {
+    const Vec4f k2a(0x1.555554p-1f);  // 0.6666666  (0x3F2AAAAA)
+    const Vec4f k2b(0x1.555556p-2f);  // 0.33333334 (0x3EAAAAAB)
+    const Vec4f k3a(0x1.555554p-2f);  // 0.3333333  (0x3EAAAAAA)
+    const Vec4f k3b(0x1.555556p-1f);  // 0.6666667  (0x3F2AAAAB)
+    const Vec4f c2 = c0 * k2a + c1 * k2b;
+    const Vec4f c3 = c0 * k3a + c1 * k3b;
+    const Vec4f b0 = c0.splat<0>(), g0 = c0.splat<1>(), r0 = c0.splat<2>();
+    const Vec4f b1 = c1.splat<0>(), g1 = c1.splat<1>(), r1 = c1.splat<2>();
+    const Vec4f b2 = c2.splat<0>(), g2 = c2.splat<1>(), r2 = c2.splat<2>();
+    const Vec4f b3 = c3.splat<0>(), g3 = c3.splat<1>(), r3 = c3.splat<2>();
+    uint32_t hiBits = 0, loBits = 0;
+    for (int k = 0; k < 4; ++k) {
+        const Vec4f r = px.r[k], g = px.g[k], b = px.b[k];
+        Vec4f dr = r - r0, dg = g - g0, db = b - b0;
+        const Vec4f d0 = dr * dr + dg * dg + db * db;
+        dr = r - r1, dg = g - g1, db = b - b1;
+        const Vec4f d1 = dr * dr + dg * dg + db * db;
+        dr = r - r2, dg = g - g2, db = b - b2;
+        const Vec4f d2 = dr * dr + dg * dg + db * db;
+        dr = r - r3, dg = g - g3, db = b - b3;
+        const Vec4f d3 = dr * dr + dg * dg + db * db;
+        const int hi = glyptora_simd::moveMask(
+            glyptora_simd::cmpGreater(glyptora_simd::min(d0, d1), glyptora_simd::min(d2, d3)));
+        const int lo = glyptora_simd::moveMask(glyptora_simd::cmpGreater(glyptora_simd::min(d0, d2), d3));
+        hiBits |= uint32_t(hi) << (4 * k);
+        loBits |= uint32_t(lo) << (4 * k);
     }
-    return indices;
+    return (spreadPixelBits(hiBits) << 1) | spreadPixelBits(loBits);
 }
 
 // 3-colour indices: nearest of c0, c1 and their midpoint (ties to the lower entry);
-// every pixel whose alpha is 127 or less is written transparent (index 3).
-GLYPTORA_HD inline uint32_t selectThreeColourIndices(const Colour3f* px, const uint8_t* bgra, const Colour3f& c0,
-                                                     const Colour3f& c1) {
-    const Colour3f mid{(c0.r + c1.r) * 0.5f, (c0.g + c1.g) * 0.5f, (c0.b + c1.b) * 0.5f};
-    uint32_t indices = 0;
-    for (int i = 0; i < 16; ++i) {
-        uint32_t index = 3;
-        if (bgra[4 * i + 3] > 127) {
-            const float d0 = distanceSquared(px[i], c0);
-            const float d1 = distanceSquared(px[i], c1);
-            const float d2 = distanceSquared(px[i], mid);
-            float best = d0;
-            index = 0;
-            if (d1 < best) {
-                best = d1;
-                index = 1;
-            }
-            if (d2 < best) index = 2;
+// every pixel flagged in `transparent` (alpha 127 or less) is written with index 3.
+GLYPTORA_HD inline uint32_t selectThreeColourIndices(const FastPixels& px, uint32_t transparent, Vec4f c0, Vec4f c1) {
+    const Vec4f c2 = (c0 + c1) * Vec4f(0.5f);
+    const Vec4f b0 = c0.splat<0>(), g0 = c0.splat<1>(), r0 = c0.splat<2>();
+    const Vec4f b1 = c1.splat<0>(), g1 = c1.splat<1>(), r1 = c1.splat<2>();
+    const Vec4f b2 = c2.splat<0>(), g2 = c2.splat<1>(), r2 = c2.splat<2>();
+    uint32_t oneBits = 0, twoBits = 0;
+    for (int k = 0; k < 4; ++k) {
+        const Vec4f r = px.r[k], g = px.g[k], b = px.b[k];
+        Vec4f dr = r - r0, dg = g - g0, db = b - b0;
+        const Vec4f d0 = dr * dr + dg * dg + db * db;
+        dr = r - r1, dg = g - g1, db = b - b1;
+        const Vec4f d1 = dr * dr + dg * dg + db * db;
+        dr = r - r2, dg = g - g2, db = b - b2;
+        const Vec4f d2 = dr * dr + dg * dg + db * db;
+        // Entry 1 when d1 < d0; entry 2 when d2 is below the better of the two.
+        const int one = glyptora_simd::moveMask(glyptora_simd::cmpLess(d1, d0));
+        const int two = glyptora_simd::moveMask(glyptora_simd::cmpLess(d2, glyptora_simd::min(d1, d0)));
+        oneBits |= uint32_t(one) << (4 * k);
+        twoBits |= uint32_t(two) << (4 * k);
+    }
+    const uint32_t hi = twoBits | transparent;
+    const uint32_t lo = (oneBits & ~twoBits) | transparent;
+    return (spreadPixelBits(hi) << 1) | spreadPixelBits(lo);
+}
+
+// Bounding box of the pixels selected by `keep` (all pixels when null; otherwise one lane
+// mask per plane vector), as colour vectors. Left-out pixels leave the box alone (the
+// maximum starts at 0, the minimum at 255).
+GLYPTORA_HD inline void boundingBox(const FastPixels& px, const Vec4f* keep, Vec4f& mx, Vec4f& mn) {
+    const Vec4f zero(0.0f), full(255.0f);
+    Vec4f maxR = zero, maxG = zero, maxB = zero, minR = full, minG = full, minB = full;
+    for (int k = 0; k < 4; ++k) {
+        const Vec4f r = px.r[k], g = px.g[k], b = px.b[k];
+        if (keep) {
+            maxR = glyptora_simd::max(maxR, glyptora_simd::select(keep[k], r, zero));
+            maxG = glyptora_simd::max(maxG, glyptora_simd::select(keep[k], g, zero));
+            maxB = glyptora_simd::max(maxB, glyptora_simd::select(keep[k], b, zero));
+            minR = glyptora_simd::min(minR, glyptora_simd::select(keep[k], r, full));
+            minG = glyptora_simd::min(minG, glyptora_simd::select(keep[k], g, full));
+            minB = glyptora_simd::min(minB, glyptora_simd::select(keep[k], b, full));
+        } else {
+            maxR = glyptora_simd::max(maxR, r);
+            maxG = glyptora_simd::max(maxG, g);
+            maxB = glyptora_simd::max(maxB, b);
+            minR = glyptora_simd::min(minR, r);
+            minG = glyptora_simd::min(minG, g);
+            minB = glyptora_simd::min(minB, b);
         }
-        indices |= index << (2 * i);
     }
-    return indices;
+    mx = Vec4f(laneMax(maxB), laneMax(maxG), laneMax(maxR), 0.0f);
+    mn = Vec4f(laneMin(minB), laneMin(minG), laneMin(minR), 0.0f);
 }
 
-GLYPTORA_HD inline void loadPixels(const uint8_t* bgra, Colour3f* px) {
-    for (int i = 0; i < 16; ++i) px[i] = Colour3f{float(bgra[4 * i + 2]), float(bgra[4 * i + 1]), float(bgra[4 * i])};
-}
-
-GLYPTORA_HD inline uint32_t rgbOf(const uint8_t* bgra, int i) {
-    return uint32_t(bgra[4 * i]) | (uint32_t(bgra[4 * i + 1]) << 8) | (uint32_t(bgra[4 * i + 2]) << 16);
-}
-
-// Bounding box of the pixels not marked in `mask` (3 at bits 2i..2i+1 skips pixel i),
-// turned to the block's diagonal and inset by a sixteenth of its extent.
-GLYPTORA_HD inline void boundingDiagonal(const Colour3f* px, uint32_t mask, Colour3f& mx, Colour3f& mn) {
-    mx = Colour3f{0.0f, 0.0f, 0.0f};
-    mn = Colour3f{255.0f, 255.0f, 255.0f};
-    for (int i = 0; i < 16; ++i) {
-        if ((mask >> (2 * i)) & 3u) continue;
-        mx.r = px[i].r > mx.r ? px[i].r : mx.r;
-        mx.g = px[i].g > mx.g ? px[i].g : mx.g;
-        mx.b = px[i].b > mx.b ? px[i].b : mx.b;
-        mn.r = px[i].r < mn.r ? px[i].r : mn.r;
-        mn.g = px[i].g < mn.g ? px[i].g : mn.g;
-        mn.b = px[i].b < mn.b ? px[i].b : mn.b;
+// Turns the bounding box to the block's diagonal and insets it by a sixteenth of its extent.
+// Blue is the reference axis: red or green flips when it runs against blue. The sums are
+// of multiples of 0.25 far below 2^22, hence exact in any order.
+GLYPTORA_HD inline void diagonalInset(const FastPixels& px, const Vec4f* keep, Vec4f& mx, Vec4f& mn) {
+    const Vec4f centre = (mx + mn) * Vec4f(0.5f);
+    const Vec4f cr = centre.splat<2>(), cg = centre.splat<1>(), cb = centre.splat<0>();
+    Vec4f sumRB(0.0f), sumGB(0.0f);
+    for (int k = 0; k < 4; ++k) {
+        Vec4f db = px.b[k] - cb;
+        if (keep) db = glyptora_simd::select(keep[k], db, Vec4f(0.0f));
+        sumRB += (px.r[k] - cr) * db;
+        sumGB += (px.g[k] - cg) * db;
     }
-    // Blue is the reference axis: flip red or green when it runs against blue.
-    const Colour3f centre{(mx.r + mn.r) * 0.5f, (mx.g + mn.g) * 0.5f, (mx.b + mn.b) * 0.5f};
-    float covRB = 0.0f, covGB = 0.0f;
-    for (int i = 0; i < 16; ++i) {
-        if ((mask >> (2 * i)) & 3u) continue;
-        const float db = px[i].b - centre.b;
-        covRB += (px[i].r - centre.r) * db;
-        covGB += (px[i].g - centre.g) * db;
-    }
-    if (covRB < 0.0f) {
-        const float t = mx.r;
-        mx.r = mn.r;
-        mn.r = t;
-    }
-    if (covGB < 0.0f) {
-        const float t = mx.g;
-        mx.g = mn.g;
-        mn.g = t;
-    }
-    const Colour3f inset{(mx.r - mn.r) * 0.0625f - 0.0019607844f, (mx.g - mn.g) * 0.0625f - 0.0019607844f,
-                         (mx.b - mn.b) * 0.0625f - 0.0019607844f};
-    mx = Colour3f{clampf(mx.r - inset.r, 0.0f, 255.0f), clampf(mx.g - inset.g, 0.0f, 255.0f),
-                  clampf(mx.b - inset.b, 0.0f, 255.0f)};
-    mn = Colour3f{clampf(mn.r + inset.r, 0.0f, 255.0f), clampf(mn.g + inset.g, 0.0f, 255.0f),
-                  clampf(mn.b + inset.b, 0.0f, 255.0f)};
+    const float covRB = sumRB.x() + sumRB.y() + sumRB.z() + sumRB.w();
+    const float covGB = sumGB.x() + sumGB.y() + sumGB.z() + sumGB.w();
+    const Vec4f flip = glyptora_simd::cmpLess(Vec4f(0.0f, covGB, covRB, 0.0f), Vec4f(0.0f));
+    const Vec4f hi = glyptora_simd::select(flip, mn, mx);
+    const Vec4f lo = glyptora_simd::select(flip, mx, mn);
+    const Vec4f inset = (hi - lo) * Vec4f(0.0625f) - Vec4f(0.0019607844f);
+    const Vec4f zero(0.0f), full(255.0f);
+    mx = glyptora_simd::clamp(hi - inset, zero, full);
+    mn = glyptora_simd::clamp(lo + inset, zero, full);
 }
 
 // Least-squares endpoints for fixed indices: pixel i contributes weight w on e0 and
 // 1 - w on e1 (w = weightOf[index], negative leaves the pixel out). Returns false when
-// the normal equations are too close to singular to trust.
-GLYPTORA_HD inline bool solveEndpoints(const Colour3f* px, uint32_t indices, const float weightOf[4], Colour3f& e0,
-                                       Colour3f& e1) {
-    float aa = 0.0f, bb = 0.0f, ab = 0.0f;
-    Colour3f ax{0.0f, 0.0f, 0.0f}, bx{0.0f, 0.0f, 0.0f};
-    for (int i = 0; i < 16; ++i) {
-        const float w = weightOf[(indices >> (2 * i)) & 3u];
-        if (w < 0.0f) continue;
+// the normal equations are too close to singular to trust. The sums run over the pixels
+// in order, one lane per sum.
+GLYPTORA_HD inline bool solveEndpoints(const FastPixels& px, uint32_t indices, const float weightOf[4], Vec4f& e0,
+                                       Vec4f& e1) {
+    Vec4f moments[4], onE0[4], onE1[4];  // per index: (w*w, v*v, w*v, 0), w, v (all 0 when left out)
+    for (int j = 0; j < 4; ++j) {
+        const float w = weightOf[j];
         const float v = 1.0f - w;
-        aa += w * w;
-        bb += v * v;
-        ab += w * v;
-        ax.r += w * px[i].r;
-        ax.g += w * px[i].g;
-        ax.b += w * px[i].b;
-        bx.r += v * px[i].r;
-        bx.g += v * px[i].g;
-        bx.b += v * px[i].b;
+        const bool used = !(w < 0.0f);
+        moments[j] = used ? Vec4f(w * w, v * v, w * v, 0.0f) : Vec4f(0.0f);
+        onE0[j] = Vec4f(used ? w : 0.0f);
+        onE1[j] = Vec4f(used ? v : 0.0f);
     }
+    Vec4f sums(0.0f), ax(0.0f), bx(0.0f);
+    for (int i = 0; i < 16; ++i) {
+        const uint32_t index = (indices >> (2 * i)) & 3u;
+        const Vec4f p = pixelColour(px, i);
+        sums += moments[index];
+        ax += onE0[index] * p;
+        bx += onE1[index] * p;
+    }
+    const float aa = sums.x(), bb = sums.y(), ab = sums.z();
     const float det = aa * bb - ab * ab;
     const float absDet = fabsf(det);
     if (absDet <= 0.0001f * (absDet > 1.0f ? absDet : 1.0f)) return false;
-    const float inv = 1.0f / det;
-    e0 = Colour3f{clampf((bb * ax.r - ab * bx.r) * inv, 0.0f, 255.0f), clampf((bb * ax.g - ab * bx.g) * inv, 0.0f, 255.0f),
-                  clampf((bb * ax.b - ab * bx.b) * inv, 0.0f, 255.0f)};
-    e1 = Colour3f{clampf((aa * bx.r - ab * ax.r) * inv, 0.0f, 255.0f), clampf((aa * bx.g - ab * ax.g) * inv, 0.0f, 255.0f),
-                  clampf((aa * bx.b - ab * ax.b) * inv, 0.0f, 255.0f)};
+    const Vec4f inv(1.0f / det);
+    const Vec4f zero(0.0f), full(255.0f);
+    e0 = glyptora_simd::clamp((Vec4f(bb) * ax - Vec4f(ab) * bx) * inv, zero, full);
+    e1 = glyptora_simd::clamp((Vec4f(aa) * bx - Vec4f(ab) * ax) * inv, zero, full);
     return true;
 }
 
 // Rounds both endpoints and orders them: 4-colour mode puts the larger first,
 // 3-colour mode the smaller. The float endpoints follow the packed ones.
-GLYPTORA_HD inline void roundAndOrder(Colour3f& e0, Colour3f& e1, bool threeColour, unsigned& col0, unsigned& col1) {
+GLYPTORA_HD inline void roundAndOrder(Vec4f& e0, Vec4f& e1, bool threeColour, unsigned& col0, unsigned& col1) {
     const unsigned c0 = round565(e0);
     const unsigned c1 = round565(e1);
     const bool keep = threeColour ? c0 < c1 : c0 >= c1;
@@ -253,26 +351,26 @@ GLYPTORA_HD inline void roundAndOrder(Colour3f& e0, Colour3f& e1, bool threeColo
     } else {
         col0 = c1;
         col1 = c0;
-        const Colour3f t = e0;
+        const Vec4f t = e0;
         e0 = e1;
         e1 = t;
     }
 }
 
-// Opaque 4-colour block: bounding-box diagonal, then one least-squares refinement.
-// Alpha is ignored.
-GLYPTORA_HD inline void encodeOpaqueBlockFast(const uint8_t* bgra, uint8_t* out) {
-    const uint32_t first = rgbOf(bgra, 0);
-    bool flat = true;
-    for (int i = 1; i < 16; ++i) flat = flat && rgbOf(bgra, i) == first;
-    if (flat) {
+// True when the box is a single colour (maximum equals minimum in every channel).
+GLYPTORA_HD inline bool isPoint(Vec4f mx, Vec4f mn) {
+    return glyptora_simd::moveMask(glyptora_simd::cmpLess(mn, mx)) == 0;
+}
+
+// The opaque 4-colour block of loaded pixels (alpha ignored).
+GLYPTORA_HD inline void encodeOpaquePixels(const FastPixels& px, const uint8_t* bgra, uint8_t* out) {
+    Vec4f e0, e1;
+    boundingBox(px, nullptr, e0, e1);
+    if (isPoint(e0, e1)) {
         writeSingleColourBlock(bgra[2], bgra[1], bgra[0], out);
         return;
     }
-    Colour3f px[16];
-    loadPixels(bgra, px);
-    Colour3f e0, e1;
-    boundingDiagonal(px, 0, e0, e1);
+    diagonalInset(px, nullptr, e0, e1);
     unsigned col0, col1;
     roundAndOrder(e0, e1, false, col0, col1);
     uint32_t indices = selectFourColourIndices(px, e0, e1);
@@ -287,49 +385,55 @@ GLYPTORA_HD inline void encodeOpaqueBlockFast(const uint8_t* bgra, uint8_t* out)
     writeBlock(out, col0, col1, indices);
 }
 
+// Opaque 4-colour block: bounding-box diagonal, then one least-squares refinement.
+// Alpha is ignored; a block of one colour takes the single-colour table block.
+GLYPTORA_HD inline void encodeOpaqueBlockFast(const uint8_t* bgra, uint8_t* out) {
+    FastPixels px;
+    loadFastPixels(bgra, px);
+    encodeOpaquePixels(px, bgra, out);
+}
+
 // BC1 with punch-through alpha. Pixels with alpha 0 decide the mode; once in 3-colour
 // mode every pixel with alpha 127 or less is written transparent.
 GLYPTORA_HD inline void encodePunchThroughBlockFast(const uint8_t* bgra, uint8_t* out) {
-    uint32_t mask = 0;
-    for (int i = 0; i < 16; ++i)
-        if (bgra[4 * i + 3] == 0) mask |= 3u << (2 * i);
-    if (mask == 0) {
-        encodeOpaqueBlockFast(bgra, out);
+    FastPixels px;
+    loadFastPixels(bgra, px);
+    loadAlphaPlane(px);
+    const uint32_t clear = alphaAtMost(px, 0.0f);
+    if (clear == 0) {
+        encodeOpaquePixels(px, bgra, out);
         return;
     }
-    int firstOpaque = -1;
-    bool flat = true;
-    for (int i = 0; i < 16; ++i) {
-        if ((mask >> (2 * i)) & 3u) continue;
-        if (firstOpaque < 0) firstOpaque = i;
-        else flat = flat && rgbOf(bgra, i) == rgbOf(bgra, firstOpaque);
-    }
-    if (flat) {
-        // One opaque colour, or none at all (then black: every index is 3 anyway).
-        if (firstOpaque < 0) {
-            writeSingleColourBlockMasked(0, 0, 0, mask, out);
-        } else {
-            const uint8_t* p = bgra + 4 * firstOpaque;
-            writeSingleColourBlockMasked(p[2], p[1], p[0], mask, out);
-        }
+    const uint32_t mask = 3u * spreadPixelBits(clear);
+    if (clear == 0xFFFFu) {
+        // No opaque pixel: black, every index 3.
+        writeSingleColourBlockMasked(0, 0, 0, mask, out);
         return;
     }
-    Colour3f px[16];
-    loadPixels(bgra, px);
-    Colour3f e0, e1;
-    boundingDiagonal(px, mask, e0, e1);
+    Vec4f keep[4];
+    for (int k = 0; k < 4; ++k) keep[k] = glyptora_simd::cmpGreater(px.a[k], Vec4f(0.0f));
+    Vec4f e0, e1;
+    boundingBox(px, keep, e0, e1);
+    if (isPoint(e0, e1)) {
+        // All opaque pixels share one colour.
+        writeSingleColourBlockMasked(int(e0.z()), int(e0.y()), int(e0.x()), mask, out);
+        return;
+    }
+    diagonalInset(px, keep, e0, e1);
     unsigned col0, col1;
     roundAndOrder(e0, e1, true, col0, col1);
-    uint32_t indices = selectThreeColourIndices(px, bgra, e0, e1);
+    const uint32_t transparent = alphaAtMost(px, 127.0f);
+    uint32_t indices = selectThreeColourIndices(px, transparent, e0, e1);
 
     // Transparent pixels are left out; the midpoint weighs half on each endpoint.
     const float weightOf[4] = {1.0f, 0.0f, 0.5f, -1.0f};
     if (solveEndpoints(px, indices, weightOf, e0, e1)) {
         roundAndOrder(e0, e1, true, col0, col1);
-        indices = selectThreeColourIndices(px, bgra, e0, e1);
+        indices = selectThreeColourIndices(px, transparent, e0, e1);
     }
     writeBlock(out, col0, col1, indices);
 }
 
+}  // namespace GLYPTORA_BC1_BLOCK_ABI
 }  // namespace bc1
 }  // namespace glyptora_dxt

@@ -1,5 +1,8 @@
 #include "core/cpu_views.h"
 
+#include <cstring>
+#include <type_traits>
+
 namespace glyptora_internal {
 
 template <typename T>
@@ -44,6 +47,22 @@ void TCPUView<T>::fetchFloat(uint32_t tile, float* out, bool applyWeights) const
 
 template <typename T>
 void TCPUView<T>::fetchBGRA8(uint32_t tile, uint8_t* out) const {
+    if constexpr (std::is_same_v<T, unsigned char>) {
+        // A full tile is one contiguous run of RGBA pixels: swap red and blue in place of
+        // the per-pixel walk (same bytes as the general path below).
+        const uint16_t region = validRegion(tile);
+        if ((region & 0xFF) == tileWidth && (region >> 8) == tileHeight) {
+            const size_t count = size_t(tileWidth) * size_t(tileHeight);
+            const T* base = data + size_t(tile) * count * 4;
+            for (size_t i = 0; i < count; ++i) {
+                uint32_t v;
+                std::memcpy(&v, base + 4 * i, 4);
+                v = (v & 0xFF00FF00u) | ((v >> 16) & 0xFFu) | ((v & 0xFFu) << 16);
+                std::memcpy(out + 4 * i, &v, 4);
+            }
+            return;
+        }
+    }
     forEachPixel(tile, [&](int i, const T* src) {
         out[i * 4 + 0] = toUnorm8(src[2]);
         out[i * 4 + 1] = toUnorm8(src[1]);
