@@ -22,12 +22,21 @@ struct BC7ForcedChoice {
     int indexMode = 0;  // mode 4 (0: 2-bit colour, 3-bit alpha indices; 1: the reverse)
 };
 
+// What the block driver did (tests and tools): the error of each step's
+// candidate in the fixed order 6, 1, 3, 7, 0, 2, 5, 4 (index mode 0),
+// 4 (index mode 1) -- FLT_MAX for a step that did not run or stopped early,
+// unable to win -- and the step whose block was kept.
+struct BC7FastTrace {
+    float stepError[9];
+    int keptStep;
+};
+
 // Encodes one 4x4 block. `texels`: 16 RGBA floats (0..1) in row order;
 // `validRegion`: valid columns in the low byte, valid rows in the high byte.
 // Texels outside the valid region play no part. Returns the block's squared
 // error over the valid texels (RGBA, 0..255 scale).
 GLYPTORA_HD inline float encodeBC7BlockFast(const float texels[64], uint16_t validRegion, bool imageHasAlpha,
-                                            uint8_t out[16]);
+                                            uint8_t out[16], BC7FastTrace* trace = nullptr);
 
 // Encodes one block in exactly the given mode, shape, rotation and index mode.
 // Returns its error as above.

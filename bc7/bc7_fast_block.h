@@ -906,9 +906,10 @@ GLYPTORA_HD inline void writePartitioned(const PartitionedMode& m, const Shape<N
     GLYPTORA_ASSERT(w.getptr() == BC7Modes::BITSIZE);
 }
 
-// Refines the chosen shape of a partitioned mode; writes the block when it beats `best`.
+// Refines the chosen shape of a partitioned mode; writes the block when it
+// beats `best`. Returns the shape's error.
 template <int NC, int NS>
-GLYPTORA_HD inline void runPartitioned(const Block& b, const PartitionedMode& m, const ShapeFit<NS>& start,
+GLYPTORA_HD inline float runPartitioned(const Block& b, const PartitionedMode& m, const ShapeFit<NS>& start,
                                        int refineIterations, float& best, uint8_t out[16]) {
     // Mode 7 on an opaque block keeps alpha at 255: code 31 with p-bit 1.
     const int pkind = (m.alphaBits && NC == 3) ? kPBitOne : m.pkind;
@@ -922,10 +923,11 @@ GLYPTORA_HD inline void runPartitioned(const Block& b, const PartitionedMode& m,
     quantizeFit<NC, NS>(fit, fmt, pkind, -1);
     fit.total = evaluate<NC, NS>(b, shape.sel, fit.dec, levels, fit.err, fit.idx);
     refineFit<NC, NS>(b, shape, fmt, pkind, levels, refineIterations, fit);
-    if (!(fit.total < best)) return;
+    if (!(fit.total < best)) return fit.total;
     fixAnchors<NC, NS>(shape, levels, fit);
     writePartitioned<NC, NS>(m, shape, fit, out);
     best = fit.total;
+    return fit.total;
 }
 
 // ---------------------------------------------------------------------------
@@ -1016,7 +1018,8 @@ GLYPTORA_HD inline int quantizeUnit(float x, int bits) {
     return (u * ((1 << bits) - 1) + 127) / 255;
 }
 
-GLYPTORA_HD inline void encodeMode6(const Block& b, float& best, uint8_t out[16]) {
+// Writes the block when it beats `best`; returns its error.
+GLYPTORA_HD inline float encodeMode6(const Block& b, float& best, uint8_t out[16]) {
     // 1. Moments over the valid texels (the unit-scale texels).
     const Vec4f (&u)[4][4] = b.uch;
     float sum[4], outer[4][4];
@@ -1161,7 +1164,7 @@ GLYPTORA_HD inline void encodeMode6(const Block& b, float& best, uint8_t out[16]
         err = err + lanes::keep(b.valid[g], e);
     }
     const float total = lanes::hsum(err);
-    if (!(total < best)) return;
+    if (!(total < best)) return total;
     best = total;
     int idx[16];
     for (int g = 0; g < 4; ++g) glyptora_simd::truncateToInt(idxv[g]).store(&idx[4 * g]);
@@ -1189,6 +1192,7 @@ GLYPTORA_HD inline void encodeMode6(const Block& b, float& best, uint8_t out[16]
     w.write(idx[0], 3);
     for (int i = 1; i < 16; ++i) w.write(idx[i], 4);
     GLYPTORA_ASSERT(w.getptr() == BC7Modes::BITSIZE);
+    return total;
 }
 
 // ---------------------------------------------------------------------------
@@ -1478,12 +1482,13 @@ constexpr int kRotationRefineIterations = 1;
 
 // Fits all four rotations of a mode 4/5 variant; the rotation of least error
 // (the earliest on a tie) is written when it beats `best`. forced >= 0 writes
-// that rotation whatever its error.
-GLYPTORA_HD inline void encodeRotations(const Block& b, const RotationLanes& rl, const RotationVariant& v, int forced,
+// that rotation whatever its error. Returns the error of the rotation chosen
+// (FLT_MAX when the variant stopped early, unable to win).
+GLYPTORA_HD inline float encodeRotations(const Block& b, const RotationLanes& rl, const RotationVariant& v, int forced,
                                         float& best, uint8_t out[16]) {
     LaneFit<1> alpha;
     fitLanes<1>(b, rl.scalar, rl.scalarStart, v.alphaBits, v.alphaLevels, kRotationRefineIterations, alpha);
-    if (forced < 0 && !glyptora_simd::moveMask(glyptora_simd::cmpLess(alpha.err, Vec4f(best)))) return;
+    if (forced < 0 && !glyptora_simd::moveMask(glyptora_simd::cmpLess(alpha.err, Vec4f(best)))) return kNoBlock;
     LaneFit<3> colour;
     fitLanes<3>(b, rl.colour, rl.colourStart, v.colourBits, v.colourLevels, kRotationRefineIterations, colour);
     float err[4];
@@ -1493,19 +1498,35 @@ GLYPTORA_HD inline void encodeRotations(const Block& b, const RotationLanes& rl,
         r = 0;
         for (int j = 1; j < 4; ++j)
             if (err[j] < err[r]) r = j;
-        if (!(err[r] < best)) return;
+        if (!(err[r] < best)) return err[r];
     }
     writeRotationBlock(v, r, colour, alpha, out);
     best = err[r];
+    return err[r];
 }
 
 // ---------------------------------------------------------------------------
 // The block driver.
 
+// Steps of the driver, in their fixed order (see BC7FastTrace).
+enum DriverStep { kStep6, kStep1, kStep3, kStep7, kStep0, kStep2, kStep5, kStep4Index0, kStep4Index1, kStepCount };
+
+// Keeps each step's candidate error when a trace is asked for.
+struct StepRecorder {
+    BC7FastTrace* trace;
+    // `err` is the step's candidate error, `bestBefore` the block's best error when the step began.
+    GLYPTORA_HD void record(int step, float err, float bestBefore) {
+        if (!trace) return;
+        trace->stepError[step] = err;
+        if (err < bestBefore) trace->keptStep = step;
+    }
+};
+
 // Two-subset modes 1 and 3 (and 7, whose own ranking equals theirs while
 // alpha is constant): the 16 shapes of least residual, each fitted and its
 // error modelled for 3-bit (mode 1) and 2-bit (modes 3, 7) indices.
-GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>& rm, float& best, uint8_t out[16]) {
+GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>& rm, float& best, uint8_t out[16],
+                                             StepRecorder& rec) {
     ShapeStats<3, 2, 64> st;
     int all[64];
     for (int p = 0; p < 64; ++p) all[p] = p;
@@ -1514,18 +1535,26 @@ GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>
     const int count = selectShapes(st.est, 64, 16, order);
     ShapeFit<2> fits[16];
     fitCandidates<3, 2, 64>(b, st, order, order, count, 8, 4, fits);
-    runPartitioned<3, 2>(b, kMode1, fits[bestCandidate<2>(fits, count, 0)], kRefineIterations, best, out);
+    float before = best;
+    const ShapeFit<2>& three = fits[bestCandidate<2>(fits, count, 0)];
+    rec.record(kStep1, runPartitioned<3, 2>(b, kMode1, three, kRefineIterations, best, out), before);
     const ShapeFit<2>& two = fits[bestCandidate<2>(fits, count, 1)];
-    if (best > 0.0f) runPartitioned<3, 2>(b, kMode3, two, kRefineIterations, best, out);
-    if (best > 0.0f) runPartitioned<3, 2>(b, kMode7, two, 0, best, out);
+    if (best > 0.0f) {
+        before = best;
+        rec.record(kStep3, runPartitioned<3, 2>(b, kMode3, two, kRefineIterations, best, out), before);
+    }
+    if (best > 0.0f) {
+        before = best;
+        rec.record(kStep7, runPartitioned<3, 2>(b, kMode7, two, 0, best, out), before);
+    }
 }
 
 // A three-subset mode: the `keep` shapes of least scatter among the first
 // `limit`, each fitted by its subsets' lines with the error modelled from their
-// moments; the best is refined.
-GLYPTORA_HD inline void encodeThreeSubsetMode(const Block& b, const RowMoments<3>& rm, const float (&est)[64],
-                                              const PartitionedMode& m, int limit, int keep, float& best,
-                                              uint8_t out[16]) {
+// moments; the best is refined. Returns its error.
+GLYPTORA_HD inline float encodeThreeSubsetMode(const Block& b, const RowMoments<3>& rm, const float (&est)[64],
+                                               const PartitionedMode& m, int limit, int keep, float& best,
+                                               uint8_t out[16]) {
     int order[16];
     const int count = selectShapes(est, limit, keep, order);
     ShapeStats<3, 3, 16> st;
@@ -1534,22 +1563,33 @@ GLYPTORA_HD inline void encodeThreeSubsetMode(const Block& b, const RowMoments<3
     const int shape[1] = {order[slot[0]]};
     ShapeFit<3> fit;
     fitCandidates<3, 3, 16>(b, st, slot, shape, 1, 0, 0, &fit);
-    runPartitioned<3, 3>(b, m, fit, kRefineIterations3, best, out);
+    return runPartitioned<3, 3>(b, m, fit, kRefineIterations3, best, out);
 }
 
-GLYPTORA_HD inline float encodeBlock(const Block& b, uint8_t out[16]) {
-    float best = kNoBlock;
-    encodeMode6(b, best, out);
+// The driver: every step compares against and updates the block's best error.
+// Steps are skipped once the best error is 0 (nothing can beat it).
+GLYPTORA_HD inline float encodeBlock(const Block& b, uint8_t out[16], BC7FastTrace* trace) {
+    StepRecorder rec{trace};
+    if (trace) {
+        for (int i = 0; i < kStepCount; ++i) trace->stepError[i] = kNoBlock;
+        trace->keptStep = -1;
+    }
+    float best = kNoBlock, before = best;
+    rec.record(kStep6, encodeMode6(b, best, out), before);
     if (b.opaque) {
         if (best > 0.0f) {
             RowMoments<3> rm;
             buildRowMoments<3>(b, rm);
-            encodeTwoSubsetModes(b, rm, best, out);
+            encodeTwoSubsetModes(b, rm, best, out, rec);
             if (best > 0.0f) {
                 float est[64];
                 scatterEstimates<3, 3>(b, rm, est);
-                encodeThreeSubsetMode(b, rm, est, kMode0, 16, 4, best, out);
-                if (best > 0.0f) encodeThreeSubsetMode(b, rm, est, kMode2, 64, 16, best, out);
+                before = best;
+                rec.record(kStep0, encodeThreeSubsetMode(b, rm, est, kMode0, 16, 4, best, out), before);
+                if (best > 0.0f) {
+                    before = best;
+                    rec.record(kStep2, encodeThreeSubsetMode(b, rm, est, kMode2, 64, 16, best, out), before);
+                }
             }
         }
     } else if (best > 0.0f) {
@@ -1563,14 +1603,19 @@ GLYPTORA_HD inline float encodeBlock(const Block& b, uint8_t out[16]) {
         const int count = selectShapes(st.est, 64, 16, order);
         ShapeFit<2> fits[16];
         fitCandidates<4, 2, 64>(b, st, order, order, count, 4, 0, fits);
-        runPartitioned<4, 2>(b, kMode7, fits[bestCandidate<2>(fits, count, 0)], kRefineIterations, best, out);
+        before = best;
+        const ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
+        rec.record(kStep7, runPartitioned<4, 2>(b, kMode7, chosen, kRefineIterations, best, out), before);
     }
     if (best > 0.0f) {
         RotationLanes rl;
         buildRotationLanes(b, rl);
-        encodeRotations(b, rl, rotationVariant(5, 0), -1, best, out);
-        if (best > 0.0f) encodeRotations(b, rl, rotationVariant(4, 0), -1, best, out);
-        if (best > 0.0f) encodeRotations(b, rl, rotationVariant(4, 1), -1, best, out);
+        const int steps[3] = {kStep5, kStep4Index0, kStep4Index1};
+        const RotationVariant variants[3] = {rotationVariant(5, 0), rotationVariant(4, 0), rotationVariant(4, 1)};
+        for (int v = 0; v < 3 && best > 0.0f; ++v) {
+            before = best;
+            rec.record(steps[v], encodeRotations(b, rl, variants[v], -1, best, out), before);
+        }
     }
     return best;
 }
@@ -1631,10 +1676,10 @@ GLYPTORA_HD inline float encodeForced(const Block& b, const BC7ForcedChoice& cho
 }  // namespace fastenc
 
 GLYPTORA_HD inline float encodeBC7BlockFast(const float texels[64], uint16_t validRegion, bool imageHasAlpha,
-                                            uint8_t out[16]) {
+                                            uint8_t out[16], BC7FastTrace* trace) {
     fastenc::Block b;
     fastenc::loadBlock(texels, validRegion, imageHasAlpha, b);
-    return fastenc::encodeBlock(b, out);
+    return fastenc::encodeBlock(b, out, trace);
 }
 
 GLYPTORA_HD inline float encodeBC7BlockForced(const float texels[64], uint16_t validRegion, bool imageHasAlpha,

@@ -1,0 +1,399 @@
+// The fast BC7 encoder and the library's BC7 decoder: every mode, shape,
+// rotation and index mode checked against our decoder and, when Pillow is
+// available, against Pillow's independent decoder; the block driver's rules.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "bc7/bc7_cpu.h"
+#include "bc7/bc7_decoder.h"
+#include "bc7/bc7_fast.h"
+#include "bc7/bc7_tables.h"
+#include "core/cpu_encoders.h"
+#include "core/cpu_views.h"
+
+using namespace glyptora_bc7;
+
+namespace {
+
+constexpr uint16_t kFull = 0x0404;
+
+struct Rng {
+    uint32_t state;
+    uint32_t next() {
+        state = state * 1664525u + 1013904223u;
+        return state >> 8;
+    }
+    float unit() { return float(next() & 0xFFFF) / 65535.0f; }
+};
+
+// Noisy colours around a few random anchors, so that indices spread over the palette.
+void randomTexels(Rng& rng, float tex[64], bool translucent) {
+    float anchors[3][4];
+    for (auto& a : anchors)
+        for (float& c : a) c = rng.unit();
+    for (int i = 0; i < 16; ++i) {
+        const float* a = anchors[rng.next() % 3];
+        for (int c = 0; c < 4; ++c) {
+            float v = a[c] + (rng.unit() - 0.5f) * 0.3f;
+            tex[i * 4 + c] = v < 0.0f ? 0.0f : (v > 1.0f ? 1.0f : v);
+        }
+        if (!translucent) tex[i * 4 + 3] = 1.0f;
+    }
+}
+
+// Two colour ramps split down the middle: what the two-subset modes are for.
+void twoRamps(float tex[64], float alpha) {
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 4; ++x) {
+            float* t = tex + (y * 4 + x) * 4;
+            const float s = float(y * 2 + (x & 1)) / 7.0f;
+            if (x < 2) {
+                t[0] = 0.9f - 0.7f * s, t[1] = 0.1f + 0.6f * s, t[2] = 0.2f;
+            } else {
+                t[0] = 0.1f, t[1] = 0.3f + 0.2f * s, t[2] = 0.95f - 0.8f * s;
+            }
+            t[3] = alpha;
+        }
+}
+
+// Squared RGBA error (0..255 scale) of a decoded block over the valid texels.
+double decodedError(const uint8_t block[16], const float tex[64], uint16_t region) {
+    uint8_t rgba[64];
+    decodeBC7Block(block, rgba);
+    const int w = region & 0xFF, h = region >> 8;
+    double err = 0.0;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c) {
+                float v = tex[(y * 4 + x) * 4 + c];
+                v = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;
+                const double d = double(rgba[(y * 4 + x) * 4 + c]) - double(v * 255.0f);
+                err += d * d;
+            }
+    return err;
+}
+
+std::vector<BC7ForcedChoice> everyChoice() {
+    std::vector<BC7ForcedChoice> choices;
+    for (int mode = 0; mode < 8; ++mode) {
+        if (mode == 4) {
+            for (int r = 0; r < 4; ++r)
+                for (int im = 0; im < 2; ++im) choices.push_back({4, 0, r, im});
+        } else if (mode == 5) {
+            for (int r = 0; r < 4; ++r) choices.push_back({5, 0, r, 0});
+        } else if (mode == 6) {
+            choices.push_back({6, 0, 0, 0});
+        } else {
+            for (int p = 0; p < (mode == 0 ? 16 : 64); ++p) choices.push_back({mode, p, 0, 0});
+        }
+    }
+    return choices;
+}
+
+std::string describe(const BC7ForcedChoice& c) {
+    char text[64];
+    std::snprintf(text, sizeof text, "mode %d partition %d rotation %d index mode %d", c.mode, c.partition, c.rotation,
+                  c.indexMode);
+    return text;
+}
+
+// Our decoder's view of an encoded block must match what the encoder meant.
+void checkForced(const BC7ForcedChoice& c, const float tex[64], bool translucent, uint8_t block[16]) {
+    const float err = encodeBC7BlockForced(tex, kFull, translucent, c, block);
+    const BC7BlockInfo info = describeBC7Block(block);
+    ASSERT_EQ(info.mode, c.mode) << describe(c);
+    if (c.mode != 4 && c.mode != 5 && c.mode != 6) {
+        EXPECT_EQ(info.partition, c.partition) << describe(c);
+    }
+    if (c.mode == 4 || c.mode == 5) {
+        EXPECT_EQ(info.rotation, c.rotation) << describe(c);
+    }
+    if (c.mode == 4) {
+        EXPECT_EQ(info.indexMode, c.indexMode) << describe(c);
+    }
+    const double decoded = decodedError(block, tex, kFull);
+    EXPECT_NEAR(decoded, err, 0.01 + 1e-4 * decoded) << describe(c);
+}
+
+std::string findPythonWithPillow() {
+    std::vector<std::string> candidates;
+    if (const char* env = std::getenv("GLYPTORA_PYTHON")) candidates.push_back(env);
+    candidates.push_back("python3");
+    candidates.push_back("/usr/bin/python3");
+    for (const std::string& python : candidates)
+        if (std::system((python + " -c 'import PIL.DdsImagePlugin' > /dev/null 2>&1").c_str()) == 0) return python;
+    return "";
+}
+
+void put32(std::ofstream& out, uint32_t v) { out.write(reinterpret_cast<const char*>(&v), 4); }
+
+// A DX10 DDS holding the blocks as one BC7_UNORM (98) image, `columns` blocks wide.
+void writeDDS(const std::string& path, const std::vector<uint8_t>& blocks, int columns, int rows) {
+    std::ofstream out(path, std::ios::binary);
+    out.write("DDS ", 4);
+    uint32_t header[31] = {};
+    header[0] = 124;
+    header[1] = 0x1 | 0x2 | 0x4 | 0x1000 | 0x80000;  // caps, height, width, pixel format, linear size
+    header[2] = uint32_t(rows * 4);
+    header[3] = uint32_t(columns * 4);
+    header[4] = uint32_t(blocks.size());
+    header[6] = 1;
+    header[18] = 32;    // pixel format size
+    header[19] = 0x4;   // four-cc
+    header[20] = 0x30315844;  // "DX10"
+    header[26] = 0x1000;      // texture
+    for (uint32_t v : header) put32(out, v);
+    const uint32_t dx10[5] = {98, 3, 0, 1, 0};  // BC7_UNORM, 2D texture, no flags, one element
+    for (uint32_t v : dx10) put32(out, v);
+    out.write(reinterpret_cast<const char*>(blocks.data()), std::streamsize(blocks.size()));
+}
+
+}  // namespace
+
+TEST(BC7Forced, EveryModeShapeRotationAndIndexModeDecodesToItsOwnError) {
+    Rng rng{7};
+    for (const BC7ForcedChoice& c : everyChoice())
+        for (int set = 0; set < 3; ++set) {
+            float tex[64];
+            const bool translucent = c.mode >= 4 && set != 0;
+            randomTexels(rng, tex, translucent);
+            uint8_t block[16];
+            checkForced(c, tex, translucent, block);
+        }
+}
+
+TEST(BC7Forced, PillowDecodesEveryBlockAsWeDo) {
+    const std::string python = findPythonWithPillow();
+    if (python.empty()) GTEST_SKIP() << "no python3 with Pillow";
+
+    std::vector<uint8_t> blocks;
+    std::vector<std::string> labels;
+    Rng rng{12345};
+    for (const BC7ForcedChoice& c : everyChoice())
+        for (int set = 0; set < 2; ++set) {
+            float tex[64];
+            const bool translucent = c.mode >= 4 && set == 1;
+            randomTexels(rng, tex, translucent);
+            uint8_t block[16];
+            encodeBC7BlockForced(tex, kFull, translucent, c, block);
+            blocks.insert(blocks.end(), block, block + 16);
+            labels.push_back(describe(c) + (translucent ? " translucent" : " opaque"));
+        }
+    for (int i = 0; i < 200; ++i) {  // whatever the driver picks
+        float tex[64];
+        const bool translucent = i & 1;
+        randomTexels(rng, tex, translucent);
+        uint8_t block[16];
+        encodeBC7BlockFast(tex, kFull, translucent, block);
+        blocks.insert(blocks.end(), block, block + 16);
+        labels.push_back("driver block " + std::to_string(i));
+    }
+
+    const int columns = 16;
+    const int count = int(labels.size());
+    const int rows = (count + columns - 1) / columns;
+    while (int(blocks.size()) < rows * columns * 16) blocks.insert(blocks.end(), blocks.end() - 16, blocks.end());
+    const int width = columns * 4;
+    std::vector<uint8_t> expected(size_t(width) * size_t(rows * 4) * 4);
+    for (int b = 0; b < rows * columns; ++b) {
+        uint8_t rgba[64];
+        decodeBC7Block(&blocks[size_t(b) * 16], rgba);
+        const int bx = b % columns, by = b / columns;
+        for (int y = 0; y < 4; ++y)
+            for (int i = 0; i < 16; ++i)
+                expected[(size_t(by * 4 + y) * width + bx * 4) * 4 + i] = rgba[y * 16 + i];
+    }
+
+    std::string dir = ::testing::TempDir() + "bc7_pillow_XXXXXX";
+    ASSERT_NE(mkdtemp(dir.data()), nullptr);
+    writeDDS(dir + "/blocks.dds", blocks, columns, rows);
+    std::ofstream(dir + "/expected.rgba", std::ios::binary)
+        .write(reinterpret_cast<const char*>(expected.data()), std::streamsize(expected.size()));
+    {
+        std::ofstream out(dir + "/labels.txt");
+        for (const std::string& l : labels) out << l << "\n";
+    }
+    const std::string command = python + " " GLYPTORA_SOURCE_DIR "/tests/bc7_pillow_check.py " + dir;
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+}
+
+TEST(BC7Driver, OpaqueBlocksMayUseEveryModeTranslucentOnesOnlyFourToSeven) {
+    float tex[64];
+    twoRamps(tex, 1.0f);
+    uint8_t block[16];
+    BC7FastTrace trace;
+    encodeBC7BlockFast(tex, kFull, true, block, &trace);
+    const int opaqueMode = describeBC7Block(block).mode;
+    EXPECT_GE(opaqueMode, 0);
+    EXPECT_LE(opaqueMode, 3);
+    for (int step = 0; step < 6; ++step) EXPECT_LT(trace.stepError[step], FLT_MAX) << "step " << step;
+
+    tex[5 * 4 + 3] = 0.99f;  // one valid texel not quite opaque
+    encodeBC7BlockFast(tex, kFull, true, block, &trace);
+    EXPECT_GE(describeBC7Block(block).mode, 4);
+    for (int step : {1, 2, 4, 5}) EXPECT_EQ(trace.stepError[step], FLT_MAX) << "step " << step;  // modes 1, 3, 0, 2
+    EXPECT_LT(trace.stepError[3], FLT_MAX);                                                      // mode 7 ran
+
+    // Without the alpha flag the same block is opaque, and decodes opaque.
+    for (int i = 0; i < 16; ++i) tex[i * 4 + 3] = 0.5f;
+    encodeBC7BlockFast(tex, kFull, false, block, &trace);
+    EXPECT_LE(describeBC7Block(block).mode, 3);
+    uint8_t rgba[64];
+    decodeBC7Block(block, rgba);
+    for (int i = 0; i < 16; ++i) EXPECT_EQ(rgba[i * 4 + 3], 255);
+}
+
+TEST(BC7Driver, TexelsOutsideTheValidRegionPlayNoPart) {
+    float tex[64];
+    twoRamps(tex, 1.0f);
+    for (int i = 12; i < 16; ++i) {  // bottom row: invisible, translucent, nonsense colours
+        tex[i * 4 + 0] = NAN;
+        tex[i * 4 + 1] = 7.0f;
+        tex[i * 4 + 2] = -3.0f;
+        tex[i * 4 + 3] = 0.0f;
+    }
+    const uint16_t fourByThree = 0x0304;
+    uint8_t block[16], again[16];
+    const float err = encodeBC7BlockFast(tex, fourByThree, true, block);
+    EXPECT_LE(describeBC7Block(block).mode, 3);  // still opaque
+    EXPECT_NEAR(decodedError(block, tex, fourByThree), err, 0.01 + 1e-4 * err);
+    for (int i = 12; i < 16; ++i) tex[i * 4 + 1] = 0.25f;  // other nonsense: same verdict
+    EXPECT_EQ(encodeBC7BlockFast(tex, fourByThree, true, again), err);
+    EXPECT_EQ(describeBC7Block(again).mode, describeBC7Block(block).mode);
+
+    // A 1x1 edge block: only texel 0 counts; the other fifteen are translucent.
+    float single[64];
+    for (int i = 0; i < 64; ++i) single[i] = (i % 5) * 0.25f;
+    single[0] = 0.2f, single[1] = 0.6f, single[2] = 0.9f, single[3] = 1.0f;
+    BC7FastTrace trace;
+    const float e1 = encodeBC7BlockFast(single, 0x0101, true, block, &trace);
+    EXPECT_NEAR(decodedError(block, single, 0x0101), e1, 0.01);
+    EXPECT_LE(e1, 3.0f);
+    uint8_t rgba[64];
+    decodeBC7Block(block, rgba);
+    EXPECT_EQ(rgba[3], 255);
+    if (e1 > 0.0f) {  // the opaque-only modes ran
+        EXPECT_LT(trace.stepError[1], FLT_MAX);
+    }
+}
+
+TEST(BC7Driver, LaterStepsReplaceTheBlockOnlyWhenStrictlyBetter) {
+    const int stepMode[9] = {6, 1, 3, 7, 0, 2, 5, 4, 4};
+    Rng rng{99};
+    for (int i = 0; i < 400; ++i) {
+        float tex[64];
+        const bool translucent = i % 3 == 0;
+        randomTexels(rng, tex, translucent);
+        uint8_t block[16];
+        BC7FastTrace trace;
+        const float err = encodeBC7BlockFast(tex, kFull, translucent, block, &trace);
+        int first = 0;
+        for (int s = 1; s < 9; ++s)
+            if (trace.stepError[s] < trace.stepError[first]) first = s;
+        ASSERT_EQ(trace.keptStep, first) << "block " << i;
+        EXPECT_EQ(err, trace.stepError[first]);
+        const BC7BlockInfo info = describeBC7Block(block);
+        EXPECT_EQ(info.mode, stepMode[first]);
+        if (first >= 7) {
+            EXPECT_EQ(info.indexMode, first - 7);
+        }
+        EXPECT_NEAR(decodedError(block, tex, kFull), err, 0.01 + 1e-4 * err);
+    }
+}
+
+TEST(BC7Driver, EqualRotationsKeepTheEarliest) {
+    // Grey ramp: exchanging alpha with red, green or blue gives the same problem.
+    float tex[64];
+    for (int i = 0; i < 16; ++i) {
+        const float v = float((i * 7) % 16) / 15.0f * 0.8f + 0.1f;
+        tex[i * 4 + 0] = tex[i * 4 + 1] = tex[i * 4 + 2] = v;
+        tex[i * 4 + 3] = 1.0f;
+    }
+    fastenc::Block b;
+    fastenc::loadBlock(tex, kFull, true, b);
+    fastenc::RotationLanes rl;
+    fastenc::buildRotationLanes(b, rl);
+    for (int mode = 4; mode <= 5; ++mode) {
+        const fastenc::RotationVariant v = fastenc::rotationVariant(mode, 0);
+        float errors[4];
+        for (int r = 0; r < 4; ++r) {
+            float best = FLT_MAX;
+            uint8_t block[16];
+            errors[r] = fastenc::encodeRotations(b, rl, v, r, best, block);
+        }
+        ASSERT_EQ(errors[1], errors[2]);
+        ASSERT_EQ(errors[1], errors[3]);
+        float best = FLT_MAX;
+        uint8_t block[16];
+        fastenc::encodeRotations(b, rl, v, -1, best, block);
+        const int rotation = describeBC7Block(block).rotation;
+        EXPECT_EQ(rotation, errors[0] <= errors[1] ? 0 : 1) << "mode " << mode;
+    }
+}
+
+TEST(BC7Mode6, AlphaExtremesStayExact) {
+    float tex[64];
+    Rng rng{3};
+    randomTexels(rng, tex, true);
+    tex[0 * 4 + 3] = 0.0f;
+    tex[7 * 4 + 3] = 0.0f;
+    tex[9 * 4 + 3] = 1.0f;
+    tex[15 * 4 + 3] = 1.0f;
+    uint8_t block[16], rgba[64];
+    encodeBC7BlockForced(tex, kFull, true, {6, 0, 0, 0}, block);
+    decodeBC7Block(block, rgba);
+    EXPECT_EQ(rgba[0 * 4 + 3], 0);
+    EXPECT_EQ(rgba[7 * 4 + 3], 0);
+    EXPECT_EQ(rgba[9 * 4 + 3], 255);
+    EXPECT_EQ(rgba[15 * 4 + 3], 255);
+
+    // A flat block: the segment is widened by one step either way and still hits the colour.
+    for (int i = 0; i < 16; ++i) tex[i * 4 + 0] = tex[i * 4 + 1] = tex[i * 4 + 2] = 127.0f / 255.0f, tex[i * 4 + 3] = 1.0f;
+    EXPECT_EQ(encodeBC7BlockForced(tex, kFull, true, {6, 0, 0, 0}, block), 0.0f);
+}
+
+TEST(BC7CPU, EntryMatchesTheBlockEncoderAndCountsModes) {
+    // Three tiles, the last one partial (2 x 3 valid texels).
+    std::vector<unsigned char> data(3 * 64);
+    Rng rng{5};
+    for (unsigned char& v : data) v = static_cast<unsigned char>(rng.next());
+    const glyptora_internal::TileValidRegion regions[3] = {{4, 4}, {4, 4}, {2, 3}};
+    glyptora_internal::CPUU8View view;
+    view.data = data.data();
+    view.tileWidth = view.tileHeight = 4;
+    view.tileCount = 3;
+    view.regions = regions;
+
+    std::vector<uint8_t> fast(48), slow(48);
+    BC7ModeStats stats;
+    encodeBC7CPU(view, true, true, fast.data(), &stats);
+    encodeBC7CPU(view, false, true, slow.data());
+    EXPECT_EQ(fast, slow);  // one encoder for every quality for now
+    EXPECT_EQ(stats.total(), 3u);
+    for (uint32_t t = 0; t < 3; ++t) {
+        float tex[64];
+        view.fetchFloat(t, tex, false);
+        uint8_t block[16];
+        encodeBC7BlockFast(tex, view.validRegion(t), true, block);
+        EXPECT_EQ(0, std::memcmp(block, &fast[t * 16], 16)) << "tile " << t;
+    }
+    BC7ModeStats again;
+    accumulateBC7ModeStats(fast.data(), 3, again);
+    for (int m = 0; m < 8; ++m) EXPECT_EQ(again.blocks[m], stats.blocks[m]);
+    uint8_t reserved[16] = {};
+    accumulateBC7ModeStats(reserved, 1, again);
+    EXPECT_EQ(again.reserved, 1u);
+    uint8_t rgba[64];
+    decodeBC7Block(reserved, rgba);
+    for (uint8_t v : rgba) EXPECT_EQ(v, 0);
+}
