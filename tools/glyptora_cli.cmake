@@ -1,0 +1,33 @@
+# The glyptora command-line tool and the image, mip, container and decode code it shares
+# with the bench.
+find_path(GLYPTORA_STB_INCLUDE_DIR stb/stb_image.h)
+find_library(GLYPTORA_STB_LIBRARY stb)
+find_package(OpenEXR CONFIG QUIET)
+
+if(NOT GLYPTORA_STB_INCLUDE_DIR OR NOT GLYPTORA_STB_LIBRARY)
+  message(WARNING "stb_image (libstb-dev) not found: the glyptora tool and the bench are not built")
+  return()
+endif()
+
+add_library(glyptora_tools_support STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/block_decode.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/containers.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/formats.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/image_io.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/mip_chain.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/output_file.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/quality_metrics.cpp)
+target_include_directories(glyptora_tools_support PUBLIC ${CMAKE_SOURCE_DIR} ${GLYPTORA_STB_INCLUDE_DIR})
+# The block decoders come from the core library.
+target_link_libraries(glyptora_tools_support PUBLIC glyptora_core ${GLYPTORA_STB_LIBRARY})
+if(OpenEXR_FOUND)
+  target_link_libraries(glyptora_tools_support PRIVATE OpenEXR::OpenEXR)
+  target_compile_definitions(glyptora_tools_support PRIVATE GLYPTORA_TOOLS_HAVE_OPENEXR=1)
+else()
+  message(WARNING "OpenEXR (libopenexr-dev) not found: the glyptora tool reads no EXR images")
+endif()
+
+add_executable(glyptora_cli ${CMAKE_CURRENT_LIST_DIR}/glyptora_main.cpp)
+set_target_properties(glyptora_cli PROPERTIES OUTPUT_NAME glyptora)
+# GlyptoraConvert from the shared library; decoders and helpers from the support code.
+target_link_libraries(glyptora_cli PRIVATE glyptora glyptora_tools_support)

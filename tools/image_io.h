@@ -1,0 +1,27 @@
+#pragma once
+// Loading of source images into four-channel pixels: 8-bit RGBA for PNG, JPEG, TGA, BMP and
+// PSD, 32-bit float RGBA for Radiance HDR and OpenEXR.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace glyptora_tools {
+
+// Limits on what is accepted before any pixel is decoded.
+constexpr uint32_t kMaxImageSide = 32768;
+constexpr uint64_t kMaxSourceBytes = uint64_t(1) << 31;  // the whole level chain as handed to the library
+
+struct Image {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    bool isFloat = false;      // true: f32 holds the pixels, else u8
+    std::vector<uint8_t> u8;   // RGBA, row by row
+    std::vector<float> f32;    // RGBA, row by row, linear light
+    const char* kind = "";     // "PNG", "JPEG", "EXR", ...
+    bool hasAlpha() const;     // any alpha below full coverage
+};
+
+// Reads `path`. On failure returns false and sets `error` to one short reason.
+bool loadImage(const std::string& path, Image& image, std::string& error);
+
+}  // namespace glyptora_tools

@@ -1,0 +1,143 @@
+#include "tools/output_file.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+namespace glyptora_tools {
+
+namespace {
+
+// The temporary file in progress, for the signal handler (one output at a time).
+char g_signalTempPath[PATH_MAX + 1];
+volatile sig_atomic_t g_signalTempPathSet = 0;
+
+void setSignalTempPath(const std::string& path) {
+    g_signalTempPathSet = 0;
+    if (path.empty() || path.size() > PATH_MAX) return;
+    std::memcpy(g_signalTempPath, path.c_str(), path.size() + 1);
+    g_signalTempPathSet = 1;
+}
+
+void onSignal(int signalNumber) {
+    if (g_signalTempPathSet) ::unlink(g_signalTempPath);
+    ::signal(signalNumber, SIG_DFL);
+    ::raise(signalNumber);
+}
+
+std::string folderOf(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+std::string nameOf(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+PendingOutput::~PendingOutput() { discard(); }
+
+bool PendingOutput::open(const std::string& path, std::string& error) {
+    discard();
+    m_path = path;
+    const std::string name = nameOf(path);
+    if (name.empty()) {
+        error = "output path names a folder, not a file";
+        return false;
+    }
+    struct stat info;
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        error = "output path is a folder";
+        return false;
+    }
+    std::string templ = folderOf(path) + "/." + name + ".glyptora-XXXXXX";
+    std::vector<char> buffer(templ.begin(), templ.end());
+    buffer.push_back('\0');
+    const int fd = ::mkstemp(buffer.data());
+    if (fd < 0) {
+        error = std::string("cannot write output: ") + std::strerror(errno);
+        return false;
+    }
+    m_fd = fd;
+    m_tempPath = buffer.data();
+    setSignalTempPath(m_tempPath);
+    // mkstemp creates the file private to the user; give it the usual permissions.
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(fd, 0666 & ~mask);
+    return true;
+}
+
+bool PendingOutput::commit(const std::vector<uint8_t>& data, std::string& error) {
+    if (m_fd < 0) {
+        error = "output was not opened";
+        return false;
+    }
+    const uint8_t* p = data.data();
+    size_t left = data.size();
+    while (left > 0) {
+        const ssize_t n = ::write(m_fd, p, left);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            error = std::string("cannot write output: ") + std::strerror(errno);
+            discard();
+            return false;
+        }
+        p += n;
+        left -= size_t(n);
+    }
+    if (::fsync(m_fd) != 0 && errno != EINVAL && errno != EROFS) {
+        error = std::string("cannot write output: ") + std::strerror(errno);
+        discard();
+        return false;
+    }
+    const int fd = m_fd;
+    m_fd = -1;
+    if (::close(fd) != 0) {
+        error = std::string("cannot write output: ") + std::strerror(errno);
+        discard();
+        return false;
+    }
+    if (::rename(m_tempPath.c_str(), m_path.c_str()) != 0) {
+        error = std::string("cannot write output: ") + std::strerror(errno);
+        discard();
+        return false;
+    }
+    g_signalTempPathSet = 0;
+    m_tempPath.clear();
+    return true;
+}
+
+void PendingOutput::discard() {
+    if (m_fd >= 0) {
+        ::close(m_fd);
+        m_fd = -1;
+    }
+    if (!m_tempPath.empty()) {
+        g_signalTempPathSet = 0;
+        ::unlink(m_tempPath.c_str());
+        m_tempPath.clear();
+    }
+}
+
+void removePendingOutputOnSignal() {
+    struct sigaction action;
+    std::memset(&action, 0, sizeof(action));
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+    ::sigaction(SIGHUP, &action, nullptr);
+}
+
+}  // namespace glyptora_tools
