@@ -1,0 +1,5 @@
+# glyptora_bench: throughput and PSNR per format and quality (bench/run.sh runs it).
+if(TARGET glyptora_tools_support)
+  add_executable(glyptora_bench ${CMAKE_CURRENT_LIST_DIR}/glyptora_bench.cpp)
+  target_link_libraries(glyptora_bench PRIVATE glyptora_tools_support glyptora_core)
+endif()
