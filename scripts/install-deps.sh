@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests and tools need, when any is missing.
+# Extra package names given as arguments are installed too (bench/run.sh adds python3-skimage).
 set -euo pipefail
-packages=(g++ cmake make libgtest-dev libtbb-dev libstb-dev libopenexr-dev python3 python3-pil python3-numpy)
+packages=(g++ cmake make libgtest-dev libtbb-dev libstb-dev libopenexr-dev python3 python3-pil python3-numpy "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
