@@ -88,6 +88,11 @@ bool runBlockEntry(const EntryDescription& entry, const CPUInputBuffer& input, b
     }
     const CPUBuffer_Base* buffer = input.buffer();
     if (!buffer) return false;
+    if (gpu && !hasGpuImplementation(entry.gpuFormat)) {
+        // Formats whose kernels are not part of this build keep working on the CPU.
+        diagnosticPrint("%s Compressor: no gpu implementation in this build, using cpu instead.\n", entry.name);
+        gpu = false;
+    }
     if (gpu) return encodeOnGpu(entry.gpuFormat, *buffer, static_cast<uint8_t*>(output), outputInDeviceMemory, timing);
     glyptora::ScopedTimer timer(timing, entry.cpuTimerLabel);
     if (buffer->tileWidth != 4 || buffer->tileHeight != 4) {

@@ -237,6 +237,8 @@ bool encodeChunks(const GpuSession& session, const FormatPlan& plan, const CPUBu
 
 }  // namespace
 
+bool hasGpuImplementation(GpuFormat format) { return planFor(format) != nullptr; }
+
 bool encodeOnGpu(GpuFormat format, const CPUBuffer_Base& buffer, uint8_t* output, bool outputInDeviceMemory,
                  TimingContext* timing) {
     const FormatPlan* plan = planFor(format);

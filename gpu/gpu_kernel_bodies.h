@@ -113,10 +113,7 @@ GLYPTORA_HD inline void compressBC5S(const GPUS8View& view, uint32_t tile, uint6
 }
 
 // Element conversions: value i of the source's tile data into value i of the target's, with
-// the conversions of the CPU views (core/cpu_views.h). Device code can call them once that
-// header marks them GLYPTORA_HD and defines GLYPTORA_VIEW_CONVERSIONS_HD.
-#if !defined(__CUDACC__) || defined(GLYPTORA_VIEW_CONVERSIONS_HD)
-#define GLYPTORA_HAVE_CONVERSION_BODIES 1
+// the conversions of the CPU views (core/cpu_views.h).
 GLYPTORA_HD inline void convertF32ToU8(const GPUF32View& source, const GPUU8View& target, uint64_t i) {
     target.data[i] = floatToUnorm8(source.data[i]);
 }
@@ -129,6 +126,5 @@ GLYPTORA_HD inline void convertF32ToS8(const GPUF32View& source, const GPUS8View
 GLYPTORA_HD inline void convertU8ToS8(const GPUU8View& source, const GPUS8View& target, uint64_t i) {
     target.data[i] = unorm8ToSnorm8(source.data[i]);
 }
-#endif
 
 }  // namespace glyptora_internal::gpu_blocks

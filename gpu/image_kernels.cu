@@ -3,8 +3,6 @@
 // the block kernels read, exactly as the CPU views convert on fetch.
 #include "gpu/gpu_kernel_bodies.h"
 
-#if defined(GLYPTORA_HAVE_CONVERSION_BODIES)
-
 namespace {
 __device__ inline uint64_t glyptora_valueIndex() { return uint64_t(blockIdx.x) * blockDim.x + threadIdx.x; }
 }  // namespace
@@ -35,4 +33,3 @@ extern "C" __global__ void __launch_bounds__(128) glyptora_g_U8ToS8(GPUU8View so
     if (i < elementCount(source)) blocks::convertU8ToS8(source, target, i);
 }
 
-#endif
