@@ -10,6 +10,7 @@
 #include "bc/explicit_alpha.h"
 
 namespace glyptora_dxt {
+inline namespace GLYPTORA_SIMD_ABI {  // the colour half differs per vector backend
 
 GLYPTORA_HD inline void encodeBC2BlockFast(const uint8_t bgra[64], uint8_t out[16]) {
     uint8_t alpha[16];
@@ -41,4 +42,5 @@ GLYPTORA_HD inline void encodeBC3BlockHighQuality(const uint8_t bgra[64], const 
     encodeColourBlockHighQuality(bgra, metric, out + 8);
 }
 
+}  // namespace GLYPTORA_SIMD_ABI
 }  // namespace glyptora_dxt

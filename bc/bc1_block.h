@@ -21,17 +21,9 @@
 #include "core/host_device.h"
 #include "core/vec4.h"
 
-// The SSE and scalar Vec4f differ in layout; a namespace per backend keeps the symbols of
-// translation units built with and without SSE4.1 apart.
-#if defined(GLYPTORA_SIMD_SSE)
-#define GLYPTORA_BC1_BLOCK_ABI simd_sse
-#else
-#define GLYPTORA_BC1_BLOCK_ABI simd_scalar
-#endif
-
 namespace glyptora_dxt {
 namespace bc1 {
-inline namespace GLYPTORA_BC1_BLOCK_ABI {
+inline namespace GLYPTORA_SIMD_ABI {
 
 using glyptora_simd::Vec4f;
 using glyptora_simd::Vec4i;
@@ -434,6 +426,6 @@ GLYPTORA_HD inline void encodePunchThroughBlockFast(const uint8_t* bgra, uint8_t
     writeBlock(out, col0, col1, indices);
 }
 
-}  // namespace GLYPTORA_BC1_BLOCK_ABI
+}  // namespace GLYPTORA_SIMD_ABI
 }  // namespace bc1
 }  // namespace glyptora_dxt

@@ -13,17 +13,8 @@
 #include "core/host_device.h"
 #include "core/vec4.h"
 
-// The SSE and scalar Vec4f differ in layout, and translation units built with and
-// without SSE4.1 may both instantiate this code; a namespace per backend keeps their
-// symbols apart.
-#if defined(GLYPTORA_SIMD_SSE)
-#define GLYPTORA_CLUSTERFIT_ABI simd_sse
-#else
-#define GLYPTORA_CLUSTERFIT_ABI simd_scalar
-#endif
-
 namespace clusterfit {
-inline namespace GLYPTORA_CLUSTERFIT_ABI {
+inline namespace GLYPTORA_SIMD_ABI {
 
 using glyptora_simd::Vec4f;
 
@@ -447,5 +438,5 @@ private:
     uint8_t m_pairSecond[kMaxPairs];      // s
 };
 
-}  // namespace GLYPTORA_CLUSTERFIT_ABI
+}  // namespace GLYPTORA_SIMD_ABI
 }  // namespace clusterfit

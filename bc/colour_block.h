@@ -19,7 +19,7 @@
 #if defined(__CUDACC__) || defined(GLYPTORA_SIMD_SSE) || defined(GLYPTORA_COLOUR_BLOCK_INLINE)
 
 namespace glyptora_dxt {
-inline namespace GLYPTORA_CLUSTERFIT_ABI {
+inline namespace GLYPTORA_SIMD_ABI {
 
 // Opaque 4-colour block, bounding box fit with one least-squares refinement (BC2/BC3 colour, fast).
 GLYPTORA_HD inline void encodeColourBlockFast(const uint8_t bgra[64], uint8_t out[8]) {
@@ -81,7 +81,7 @@ GLYPTORA_HD inline void encodeBC1aBlockHighQuality(const uint8_t bgra[64], const
     encodeBlockHighQuality(bgra, metric, true, out);
 }
 
-}  // namespace GLYPTORA_CLUSTERFIT_ABI
+}  // namespace GLYPTORA_SIMD_ABI
 }  // namespace glyptora_dxt
 
 #else

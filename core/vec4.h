@@ -11,6 +11,15 @@
 #include <smmintrin.h>
 #endif
 
+// Code written against the vector types that is compiled with either backend (library
+// and CUDA-emulating tests) goes in `inline namespace GLYPTORA_SIMD_ABI` so that the two
+// instantiations never share a symbol.
+#if defined(GLYPTORA_SIMD_SSE)
+#define GLYPTORA_SIMD_ABI simd_sse
+#else
+#define GLYPTORA_SIMD_ABI simd_scalar
+#endif
+
 namespace glyptora_simd {
 
 #if defined(GLYPTORA_SIMD_SSE)
