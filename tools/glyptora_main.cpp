@@ -255,7 +255,7 @@ int listFormats() {
     for (const FormatDesc& f : allFormats()) {
         const std::string block = std::to_string(f.blockWidth) + "x" + std::to_string(f.blockHeight);
         std::string state = f.available && canDecode(f) ? "available" : "not available";
-        if (!f.available && f.note) state += std::string(" (") + f.note + ")";
+        if (f.note) state += std::string(" (") + f.note + ")";
         else if (f.available && !canDecode(f)) state += " (the library has no block decoder for it yet)";
         std::printf("%-18s %-10s %-7d %s\n", f.word.c_str(), block.c_str(), f.blockBytes, state.c_str());
     }
