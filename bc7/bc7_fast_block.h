@@ -2,11 +2,19 @@
 // Implementation of the fast BC7 block encoder (included by bc7_fast.h).
 //
 // Texels are kept in lanes of four (texel 4g + lane is lane `lane` of group g)
-// on a 0..255 scale. The partitioned modes rank all shapes by the principal-axis
-// residual of their subsets, fit the best few, and refine the winner by least
-// squares on its indices with a joint search of p-bits and endpoints. Indices
-// are chosen by projection onto the decoded segment followed by an exact
-// comparison of the two palette entries around the projection.
+// on a 0..255 scale; the error is plain squared RGBA error.
+//
+// Mode 6 follows its fixed fit. The two-subset modes rank all 64 shapes by the
+// sum of their subsets' principal-axis residuals; the 16 best are fitted (four
+// at once, one per lane: endpoints at the extremes of each subset's
+// projection) and their error modelled with the projections rounded to 8 or 4
+// evenly spaced levels; each mode refines its best candidate by least squares
+// on the chosen indices, with p-bits chosen per endpoint. The three-subset
+// modes rank shapes by scatter, model the candidates' error from their line
+// fits' moments and refine the best. Modes 4 and 5 fit their four rotations
+// together, rotation r in lane r. Indices are chosen by projection onto the
+// decoded segment followed by an exact comparison of the two palette entries
+// around it (the rotations take the nearer level of the projection).
 #include <cmath>
 #include <cstdint>
 
@@ -26,6 +34,15 @@ using glyptora_simd::Vec4i;
 
 constexpr float kNoBlock = 3.4028235e38f;  // FLT_MAX: no block chosen yet
 constexpr float kBig = 1.0e30f;
+
+// Search effort: power iterations of the shape statistics; least-squares
+// rounds of the chosen shapes (two and three subsets) and of the rotations;
+// whether those rounds try every p-bit combination.
+constexpr int kPowerIterations = 1;
+constexpr int kRefineIterations = 1;
+constexpr int kRefineIterations3 = 0;
+constexpr int kRotationRefineIterations = 0;
+constexpr bool kJointPBits = false;
 
 // ---------------------------------------------------------------------------
 // Shape masks and small tables, derived from the format tables at compile time.
@@ -53,35 +70,11 @@ constexpr ShapeBits makeShapeBits(int subsets) {
 GLYPTORA_BC7_TABLE ShapeBits kShapeBits2 = makeShapeBits(2);
 GLYPTORA_BC7_TABLE ShapeBits kShapeBits3 = makeShapeBits(3);
 
-// Nearest 4-bit index for each of the 65 positions k / 64 (ties: lower index).
-struct NearestTable {
-    uint8_t index[65];
-};
-constexpr NearestTable makeNearest16() {
-    NearestTable t{};
-    for (int k = 0; k <= 64; ++k) {
-        int best = 0, bestDist = 1000;
-        for (int j = 0; j < 16; ++j) {
-            const int d = kWeights4[j] > k ? kWeights4[j] - k : k - kWeights4[j];
-            if (d < bestDist) {
-                bestDist = d;
-                best = j;
-            }
-        }
-        t.index[k] = uint8_t(best);
-    }
-    return t;
-}
-GLYPTORA_BC7_TABLE NearestTable kNearest16 = makeNearest16();
 
 GLYPTORA_HD inline float clampf(float v, float lo, float hi) { return v < lo ? lo : (v > hi ? hi : v); }
 GLYPTORA_HD inline int clampi(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 // NaN reads as 0.
 GLYPTORA_HD inline float saturate(float v) { return v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f; }
-GLYPTORA_HD inline int expandBits(int v, int bits) {
-    v <<= 8 - bits;
-    return v | (v >> bits);
-}
 
 // ---------------------------------------------------------------------------
 // The block.
@@ -390,20 +383,22 @@ GLYPTORA_HD inline int pbitCombos(int pkind) {
     return pkind == kEndpointPBit ? 4 : (pkind == kSharedPBit ? 2 : 1);
 }
 
-// Least squares on the current indices, then every p-bit combination of the
-// new endpoints; each subset keeps whichever of its versions has the least error.
+// Least squares on the current indices, then the new endpoints quantised with
+// every p-bit combination (jointPBits) or with each p-bit chosen by the
+// endpoint's own rounding error; each subset keeps whichever of its versions
+// has the least error.
 template <int NC, int NS>
 GLYPTORA_HD inline void refineFit(const Block& b, const Shape<NS>& shape, const EndpointFormat& fmt, int pkind,
-                                  int levels, int iterations, Fit<NC, NS>& fit) {
+                                  int levels, int iterations, bool jointPBits, Fit<NC, NS>& fit) {
     for (int it = 0; it < iterations && fit.total > 0.0f; ++it) {
         Fit<NC, NS> trial;
         for (int s = 0; s < NS; ++s)
             for (int e = 0; e < 2; ++e) trial.f[s][e] = fit.f[s][e];
         leastSquares<NC, NS>(b, shape.sel, fit.idx, levels, trial.f);
         bool improved = false;
-        const int combos = pbitCombos(pkind);
+        const int combos = jointPBits ? pbitCombos(pkind) : 1;
         for (int c = 0; c < combos; ++c) {
-            quantizeFit<NC, NS>(trial, fmt, pkind, pkind == kNoPBit || pkind == kPBitOne ? -1 : c);
+            quantizeFit<NC, NS>(trial, fmt, pkind, combos == 1 ? -1 : c);
             trial.total = evaluate<NC, NS>(b, shape.sel, trial.dec, levels, trial.err, trial.idx);
             for (int s = 0; s < NS; ++s) {
                 if (!(trial.err[s] < fit.err[s])) continue;
@@ -453,8 +448,9 @@ GLYPTORA_HD constexpr int momentQuads() {
 template <int NC>
 struct RowMoments {
     float mu[NC];            // block mean (moments are taken about it)
-    Vec4f sums[4][16][4];    // [row][column subset][record quad]
+    float sums[4][16][16];   // [row][column subset][record] (filled before use, not zeroed)
     Vec4f total[4];
+    GLYPTORA_HD Vec4f quad(int row, int subset, int q) const { return Vec4f::load(&sums[row][subset][4 * q]); }
 };
 
 template <int NC>
@@ -479,15 +475,16 @@ GLYPTORA_HD inline void buildRowMoments(const Block& b, RowMoments<NC>& rm) {
             }
             for (int q = 0; q < 4; ++q) rec[j][q] = Vec4f::load(v + 4 * q);
         }
-        for (int q = 0; q < momentQuads<NC>(); ++q) rm.sums[r][0][q] = Vec4f(0.0f);
+        for (int q = 0; q < momentQuads<NC>(); ++q) Vec4f(0.0f).store(&rm.sums[r][0][4 * q]);
         for (int m = 1; m < 16; ++m) {
             const int low = m & -m;
             const int bit = low == 1 ? 0 : (low == 2 ? 1 : (low == 4 ? 2 : 3));
-            for (int q = 0; q < momentQuads<NC>(); ++q) rm.sums[r][m][q] = rm.sums[r][m ^ low][q] + rec[bit][q];
+            for (int q = 0; q < momentQuads<NC>(); ++q)
+                (Vec4f::load(&rm.sums[r][m ^ low][4 * q]) + rec[bit][q]).store(&rm.sums[r][m][4 * q]);
         }
     }
     for (int q = 0; q < momentQuads<NC>(); ++q)
-        rm.total[q] = rm.sums[0][15][q] + rm.sums[1][15][q] + rm.sums[2][15][q] + rm.sums[3][15][q];
+        rm.total[q] = rm.quad(0, 15, q) + rm.quad(1, 15, q) + rm.quad(2, 15, q) + rm.quad(3, 15, q);
 }
 
 // Residual of the best line through each of four subsets (one per lane) in
@@ -505,10 +502,8 @@ GLYPTORA_HD inline void subsetStats(const Vec4f (&V)[16], const float (&mu)[NC],
     Vec4f trace = C[0][0];
     for (int k = 1; k < NC; ++k) trace = trace + C[k][k];
     trace = glyptora_simd::max(trace, Vec4f(0.0f));
-    const Vec4f invT = Vec4f(1.0f) / glyptora_simd::max(trace, Vec4f(1e-6f));
-    for (int k = 0; k < NC; ++k)
-        for (int l = 0; l < NC; ++l) C[k][l] = C[k][l] * invT;
-    // Power iteration from the column of the largest diagonal entry.
+    // Power iteration from the column of the largest diagonal entry, scaled by
+    // that entry (so |v| <= 1; a couple of iterations cannot overflow).
     Vec4f v[NC];
     Vec4f bestDiag = C[0][0];
     for (int k = 0; k < NC; ++k) v[k] = C[k][0];
@@ -517,6 +512,8 @@ GLYPTORA_HD inline void subsetStats(const Vec4f (&V)[16], const float (&mu)[NC],
         bestDiag = glyptora_simd::select(larger, C[j][j], bestDiag);
         for (int k = 0; k < NC; ++k) v[k] = glyptora_simd::select(larger, C[k][j], v[k]);
     }
+    const Vec4f invDiag = Vec4f(1.0f) / glyptora_simd::max(bestDiag, Vec4f(1e-20f));
+    for (int k = 0; k < NC; ++k) v[k] = v[k] * invDiag;
     Vec4f w[NC];
     for (int it = 0; it < iterations; ++it) {
         for (int k = 0; k < NC; ++k) {
@@ -525,8 +522,9 @@ GLYPTORA_HD inline void subsetStats(const Vec4f (&V)[16], const float (&mu)[NC],
             w[k] = acc;
         }
         if (it + 1 < iterations)
-            for (int k = 0; k < NC; ++k) v[k] = w[k];
+            for (int k = 0; k < NC; ++k) v[k] = w[k] * invDiag;
     }
+    // Rayleigh quotient: the variance along v, at least the largest diagonal entry.
     Vec4f vw = v[0] * w[0], vv = v[0] * v[0], ww = w[0] * w[0];
     for (int k = 1; k < NC; ++k) {
         vw = vw + v[k] * w[k];
@@ -534,8 +532,8 @@ GLYPTORA_HD inline void subsetStats(const Vec4f (&V)[16], const float (&mu)[NC],
         ww = ww + w[k] * w[k];
     }
     Vec4f lambda = vw / glyptora_simd::max(vv, Vec4f(1e-30f));
-    lambda = glyptora_simd::min(glyptora_simd::max(lambda, bestDiag), Vec4f(1.0f));
-    residual = trace * (Vec4f(1.0f) - lambda);
+    lambda = glyptora_simd::min(glyptora_simd::max(lambda, bestDiag), trace);
+    residual = trace - lambda;
     scatter = trace;
     const Vec4f hasAxis = glyptora_simd::cmpGreater(ww, Vec4f(1e-30f));
     const Vec4f invLen = Vec4f(1.0f) / glyptora_simd::sqrt(glyptora_simd::max(ww, Vec4f(1e-30f)));
@@ -565,33 +563,28 @@ template <int NC, int NS>
 GLYPTORA_HD inline void gatherMoments(const Block& b, const RowMoments<NC>& rm, const int (&shapes)[4], int quads,
                                       Vec4f (&V)[NS][16]) {
     const ShapeBits& bits = shapeBits(NS);
-    Vec4f rec[NS][4][4];  // [subset][shape in group][quad]
+    // Shape j's record quad q goes to V[s][4q + j]; each 4x4 block is then transposed.
     for (int j = 0; j < 4; ++j) {
         const int p = shapes[j];
         const uint32_t m1 = bits.second[p] & b.validMask;
         const uint32_t m2 = NS == 3 ? (bits.third[p] & b.validMask) : 0u;
         for (int q = 0; q < quads; ++q) {
-            const Vec4f s1 = rm.sums[0][m1 & 15][q] + rm.sums[1][(m1 >> 4) & 15][q] + rm.sums[2][(m1 >> 8) & 15][q] +
-                             rm.sums[3][(m1 >> 12) & 15][q];
-            rec[1 % NS][j][q] = s1;
+            const Vec4f s1 = rm.quad(0, m1 & 15, q) + rm.quad(1, (m1 >> 4) & 15, q) + rm.quad(2, (m1 >> 8) & 15, q) +
+                             rm.quad(3, (m1 >> 12) & 15, q);
+            V[1 % NS][4 * q + j] = s1;
             Vec4f s0 = rm.total[q] - s1;
             if (NS == 3) {
-                const Vec4f s2 = rm.sums[0][m2 & 15][q] + rm.sums[1][(m2 >> 4) & 15][q] +
-                                 rm.sums[2][(m2 >> 8) & 15][q] + rm.sums[3][(m2 >> 12) & 15][q];
-                rec[2 % NS][j][q] = s2;
+                const Vec4f s2 = rm.quad(0, m2 & 15, q) + rm.quad(1, (m2 >> 4) & 15, q) +
+                                 rm.quad(2, (m2 >> 8) & 15, q) + rm.quad(3, (m2 >> 12) & 15, q);
+                V[2 % NS][4 * q + j] = s2;
                 s0 = s0 - s2;
             }
-            rec[0][j][q] = s0;
+            V[0][4 * q + j] = s0;
         }
     }
     for (int s = 0; s < NS; ++s)
-        for (int q = 0; q < quads; ++q) {
-            V[s][4 * q + 0] = rec[s][0][q];
-            V[s][4 * q + 1] = rec[s][1][q];
-            V[s][4 * q + 2] = rec[s][2][q];
-            V[s][4 * q + 3] = rec[s][3][q];
+        for (int q = 0; q < quads; ++q)
             lanes::transpose(V[s][4 * q + 0], V[s][4 * q + 1], V[s][4 * q + 2], V[s][4 * q + 3]);
-        }
 }
 
 // Statistics of `count` shapes (N >= count rounded up to four) into slots 0..count-1.
@@ -641,25 +634,54 @@ GLYPTORA_HD inline void scatterEstimates(const Block& b, const RowMoments<NC>& r
 }
 
 // The `keep` (at most 16) smallest estimates among the first `limit` shapes,
-// ascending; equal estimates keep shape order.
+// ascending; equal estimates keep shape order. Estimates are not negative, so
+// their bit patterns order like them: the keys are (bits, shape), selected by
+// a quickselect and then sorted.
 GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (&order)[16]) {
     if (keep > 16) keep = 16;
-    float orderEst[16];
-    int count = 0;
+    if (keep > limit) keep = limit;
+    uint64_t keys[64];
     for (int p = 0; p < limit; ++p) {
-        const float e = est[p];
-        if (count == keep && !(e < orderEst[count - 1])) continue;
-        int pos = count < keep ? count : keep - 1;
-        while (pos > 0 && e < orderEst[pos - 1]) {
-            order[pos] = order[pos - 1];
-            orderEst[pos] = orderEst[pos - 1];
+        union {
+            float f;
+            uint32_t u;
+        } bits;
+        bits.f = est[p];
+        keys[p] = (uint64_t(bits.u) << 6) | uint64_t(p);
+    }
+    int lo = 0, hi = limit - 1;
+    while (lo < hi) {
+        const uint64_t pivot = keys[(lo + hi) >> 1];
+        int i = lo, j = hi;
+        while (i <= j) {
+            while (keys[i] < pivot) ++i;
+            while (keys[j] > pivot) --j;
+            if (i <= j) {
+                const uint64_t t = keys[i];
+                keys[i] = keys[j];
+                keys[j] = t;
+                ++i;
+                --j;
+            }
+        }
+        if (keep - 1 <= j)
+            hi = j;
+        else if (keep - 1 >= i)
+            lo = i;
+        else
+            break;
+    }
+    for (int c = 1; c < keep; ++c) {
+        const uint64_t key = keys[c];
+        int pos = c;
+        while (pos > 0 && keys[pos - 1] > key) {
+            keys[pos] = keys[pos - 1];
             --pos;
         }
-        order[pos] = p;
-        orderEst[pos] = e;
-        if (count < keep) ++count;
+        keys[pos] = key;
     }
-    return count;
+    for (int c = 0; c < keep; ++c) order[c] = int(keys[c] & 63u);
+    return keep;
 }
 
 // A candidate shape after its fit: endpoints at the extremes of each subset's
@@ -669,9 +691,27 @@ GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (
 template <int NS>
 struct ShapeFit {
     int partition;
-    float f[NS][2][4];  // 0..255
+    int slot;           // where its statistics are
+    float lo[NS];       // extremes of the projections, about each subset's mean
+    float hi[NS];
     float model[2];
+    float f[NS][2][4];  // endpoints (0..255), set by setEndpoints()
 };
+
+// Endpoints at the extremes of each subset's projection onto its axis.
+template <int NC, int NS, int N>
+GLYPTORA_HD inline void setEndpoints(const ShapeStats<NC, NS, N>& st, ShapeFit<NS>& fit) {
+    for (int s = 0; s < NS; ++s)
+        for (int k = 0; k < 4; ++k) {
+            if (k < NC) {
+                const float m = st.mean[s][k][fit.slot], a = st.axis[s][k][fit.slot];
+                fit.f[s][0][k] = clampf(m + a * fit.lo[s], 0.0f, 255.0f);
+                fit.f[s][1][k] = clampf(m + a * fit.hi[s], 0.0f, 255.0f);
+            } else {
+                fit.f[s][0][k] = fit.f[s][1][k] = 255.0f;
+            }
+        }
+}
 
 // `slots` locate the candidates' statistics, `shapes` are their shape indices.
 template <int NC, int NS, int N>
@@ -782,20 +822,47 @@ GLYPTORA_HD inline void fitCandidates(const Block& b, const ShapeStats<NC, NS, N
         for (int j = 0; j < 4 && g0 + j < count; ++j) {
             ShapeFit<NS>& o = out[g0 + j];
             o.partition = p[j];
+            o.slot = q[j];
             o.model[0] = model[0][j];
             o.model[1] = model[1][j];
-            for (int s = 0; s < NS; ++s)
-                for (int k = 0; k < 4; ++k) {
-                    if (k < NC) {
-                        const float m = st.mean[s][k][q[j]], a = st.axis[s][k][q[j]];
-                        o.f[s][0][k] = clampf(m + a * lo[s][j], 0.0f, 255.0f);
-                        o.f[s][1][k] = clampf(m + a * hi[s][j], 0.0f, 255.0f);
-                    } else {
-                        o.f[s][0][k] = o.f[s][1][k] = 255.0f;
-                    }
-                }
+            for (int s = 0; s < NS; ++s) {
+                o.lo[s] = lo[s][j];
+                o.hi[s] = hi[s][j];
+            }
         }
     }
+}
+
+// Endpoints of one shape: the extremes of each subset's projection onto its
+// axis (the texels in lanes, one subset at a time).
+template <int NC, int NS, int N>
+GLYPTORA_HD inline void fitShape(const Block& b, const ShapeStats<NC, NS, N>& st, int slot, int partition,
+                                 ShapeFit<NS>& out) {
+    Shape<NS> shape;
+    makeShape<NS>(b, partition, shape);
+    out.partition = partition;
+    out.slot = slot;
+    out.model[0] = out.model[1] = 0.0f;
+    for (int s = 0; s < NS; ++s) {
+        Vec4f a[NC];
+        float offset = 0.0f;
+        for (int k = 0; k < NC; ++k) {
+            a[k] = Vec4f(st.axis[s][k][slot]);
+            offset += st.mean[s][k][slot] * st.axis[s][k][slot];
+        }
+        Vec4f tmin(kBig), tmax(-kBig);
+        for (int g = 0; g < 4; ++g) {
+            Vec4f t = b.ch[0][g] * a[0];
+            for (int k = 1; k < NC; ++k) t = t + b.ch[k][g] * a[k];
+            tmin = glyptora_simd::min(tmin, glyptora_simd::select(shape.sel[s][g], t, Vec4f(kBig)));
+            tmax = glyptora_simd::max(tmax, glyptora_simd::select(shape.sel[s][g], t, Vec4f(-kBig)));
+        }
+        float lo = lanes::hmin(tmin) - offset, hi = lanes::hmax(tmax) - offset;
+        if (lo > hi) lo = hi = 0.0f;  // empty subset: both endpoints at the mean
+        out.lo[s] = lo;
+        out.hi[s] = hi;
+    }
+    setEndpoints<NC, NS, N>(st, out);
 }
 
 // Modelled error of candidates from their moments alone: each subset's line
@@ -922,7 +989,7 @@ GLYPTORA_HD inline float runPartitioned(const Block& b, const PartitionedMode& m
         for (int e = 0; e < 2; ++e) fit.f[s][e] = Vec4f::load(start.f[s][e]);
     quantizeFit<NC, NS>(fit, fmt, pkind, -1);
     fit.total = evaluate<NC, NS>(b, shape.sel, fit.dec, levels, fit.err, fit.idx);
-    refineFit<NC, NS>(b, shape, fmt, pkind, levels, refineIterations, fit);
+    refineFit<NC, NS>(b, shape, fmt, pkind, levels, refineIterations, kJointPBits, fit);
     if (!(fit.total < best)) return fit.total;
     fixAnchors<NC, NS>(shape, levels, fit);
     writePartitioned<NC, NS>(m, shape, fit, out);
@@ -1473,13 +1540,6 @@ GLYPTORA_HD inline void writeRotationBlock(const RotationVariant& v, int rotatio
     GLYPTORA_ASSERT(w.getptr() == BC7Modes::BITSIZE);
 }
 
-// Search effort: power iterations of the shape statistics, least-squares
-// rounds of the chosen shapes (two and three subsets) and of the rotations.
-constexpr int kPowerIterations = 1;
-constexpr int kRefineIterations = 1;
-constexpr int kRefineIterations3 = 1;
-constexpr int kRotationRefineIterations = 1;
-
 // Fits all four rotations of a mode 4/5 variant; the rotation of least error
 // (the earliest on a tie) is written when it beats `best`. forced >= 0 writes
 // that rotation whatever its error. Returns the error of the rotation chosen
@@ -1536,9 +1596,11 @@ GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>
     ShapeFit<2> fits[16];
     fitCandidates<3, 2, 64>(b, st, order, order, count, 8, 4, fits);
     float before = best;
-    const ShapeFit<2>& three = fits[bestCandidate<2>(fits, count, 0)];
+    ShapeFit<2>& three = fits[bestCandidate<2>(fits, count, 0)];
+    setEndpoints<3, 2, 64>(st, three);
     rec.record(kStep1, runPartitioned<3, 2>(b, kMode1, three, kRefineIterations, best, out), before);
-    const ShapeFit<2>& two = fits[bestCandidate<2>(fits, count, 1)];
+    ShapeFit<2>& two = fits[bestCandidate<2>(fits, count, 1)];
+    setEndpoints<3, 2, 64>(st, two);
     if (best > 0.0f) {
         before = best;
         rec.record(kStep3, runPartitioned<3, 2>(b, kMode3, two, kRefineIterations, best, out), before);
@@ -1559,10 +1621,9 @@ GLYPTORA_HD inline float encodeThreeSubsetMode(const Block& b, const RowMoments<
     const int count = selectShapes(est, limit, keep, order);
     ShapeStats<3, 3, 16> st;
     shapeStats<3, 3, 16>(b, rm, order, count, kPowerIterations, st);
-    const int slot[1] = {bestByMoments<3, 3, 16>(st, count, 1 << m.indexBits)};
-    const int shape[1] = {order[slot[0]]};
+    const int slot = bestByMoments<3, 3, 16>(st, count, 1 << m.indexBits);
     ShapeFit<3> fit;
-    fitCandidates<3, 3, 16>(b, st, slot, shape, 1, 0, 0, &fit);
+    fitShape<3, 3, 16>(b, st, slot, order[slot], fit);
     return runPartitioned<3, 3>(b, m, fit, kRefineIterations3, best, out);
 }
 
@@ -1604,7 +1665,8 @@ GLYPTORA_HD inline float encodeBlock(const Block& b, uint8_t out[16], BC7FastTra
         ShapeFit<2> fits[16];
         fitCandidates<4, 2, 64>(b, st, order, order, count, 4, 0, fits);
         before = best;
-        const ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
+        ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
+        setEndpoints<4, 2, 64>(st, chosen);
         rec.record(kStep7, runPartitioned<4, 2>(b, kMode7, chosen, kRefineIterations, best, out), before);
     }
     if (best > 0.0f) {
@@ -1628,10 +1690,9 @@ GLYPTORA_HD inline void encodeShape(const Block& b, const PartitionedMode& m, in
     buildRowMoments<NC>(b, rm);
     ShapeStats<NC, NS, 4> st;
     const int shape[1] = {partition};
-    const int slot[1] = {0};
     shapeStats<NC, NS, 4>(b, rm, shape, 1, kPowerIterations, st);
     ShapeFit<NS> fit;
-    fitCandidates<NC, NS, 4>(b, st, slot, shape, 1, 0, 0, &fit);
+    fitShape<NC, NS, 4>(b, st, 0, partition, fit);
     runPartitioned<NC, NS>(b, m, fit, NS == 2 ? kRefineIterations : kRefineIterations3, best, out);
 }
 
