@@ -38,7 +38,7 @@ constexpr float kBig = 1.0e30f;
 // Search effort: power iterations of the shape statistics; least-squares
 // rounds of the chosen shapes (two and three subsets) and of the rotations;
 // whether those rounds try every p-bit combination.
-constexpr int kPowerIterations = 1;
+constexpr int kPowerIterations = 0;
 constexpr int kRefineIterations = 1;
 constexpr int kRefineIterations3 = 0;
 constexpr int kRotationRefineIterations = 0;
@@ -515,6 +515,7 @@ GLYPTORA_HD inline void subsetStats(const Vec4f (&V)[16], const float (&mu)[NC],
     const Vec4f invDiag = Vec4f(1.0f) / glyptora_simd::max(bestDiag, Vec4f(1e-20f));
     for (int k = 0; k < NC; ++k) v[k] = v[k] * invDiag;
     Vec4f w[NC];
+    for (int k = 0; k < NC; ++k) w[k] = v[k];
     for (int it = 0; it < iterations; ++it) {
         for (int k = 0; k < NC; ++k) {
             Vec4f acc = C[k][0] * v[0];
@@ -524,14 +525,15 @@ GLYPTORA_HD inline void subsetStats(const Vec4f (&V)[16], const float (&mu)[NC],
         if (it + 1 < iterations)
             for (int k = 0; k < NC; ++k) v[k] = w[k] * invDiag;
     }
-    // Rayleigh quotient: the variance along v, at least the largest diagonal entry.
     Vec4f vw = v[0] * w[0], vv = v[0] * v[0], ww = w[0] * w[0];
     for (int k = 1; k < NC; ++k) {
         vw = vw + v[k] * w[k];
         vv = vv + v[k] * v[k];
         ww = ww + w[k] * w[k];
     }
-    Vec4f lambda = vw / glyptora_simd::max(vv, Vec4f(1e-30f));
+    // Variance along the axis, at least the largest diagonal entry: the Rayleigh
+    // quotient of v, or without iterations |C e_k|^2 / C_kk for the column k.
+    Vec4f lambda = iterations > 0 ? vw / glyptora_simd::max(vv, Vec4f(1e-30f)) : vv * bestDiag;
     lambda = glyptora_simd::min(glyptora_simd::max(lambda, bestDiag), trace);
     residual = trace - lambda;
     scatter = trace;
