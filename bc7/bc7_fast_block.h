@@ -277,8 +277,7 @@ enum PBitKind { kNoPBit = 0, kEndpointPBit = 1, kSharedPBit = 2, kPBitOne = 3 };
 // Codes of `bits` bits per channel (colour lanes 0..2, alpha lane 3), with or
 // without a p-bit appended below them.
 struct EndpointFormat {
-    Vec4f scale;    // (2^n - 1) / 255, n = code bits including the p-bit
-    Vec4f maxCode;  // largest stored code
+    Vec4f top;      // 2^n - 1, n = code bits including the p-bit
     Vec4f mulHigh;  // decoded = v * 2^(8-n) + floor(v * 2^(8-2n)), v = code (with p-bit)
     Vec4f mulLow;
     bool pbit;
@@ -288,10 +287,7 @@ GLYPTORA_HD inline EndpointFormat endpointFormat(int colourBits, int alphaBits, 
     if (alphaBits == 0) alphaBits = colourBits;
     const int nc = colourBits + (pbit ? 1 : 0), na = alphaBits + (pbit ? 1 : 0);
     EndpointFormat f;
-    const float sc = float((1 << nc) - 1) / 255.0f, sa = float((1 << na) - 1) / 255.0f;
-    f.scale = Vec4f(sc, sc, sc, sa);
-    const float mc = float((1 << colourBits) - 1), ma = float((1 << alphaBits) - 1);
-    f.maxCode = Vec4f(mc, mc, mc, ma);
+    f.top = Vec4f(float((1 << nc) - 1), float((1 << nc) - 1), float((1 << nc) - 1), float((1 << na) - 1));
     const float hc = float(1 << (8 - nc)), ha = float(1 << (8 - na));
     f.mulHigh = Vec4f(hc, hc, hc, ha);
     const float lc = 1.0f / float(1 << (2 * nc - 8)), la = 1.0f / float(1 << (2 * na - 8));
@@ -300,23 +296,57 @@ GLYPTORA_HD inline EndpointFormat endpointFormat(int colourBits, int alphaBits, 
     return f;
 }
 
-// Nearest codes of an endpoint (with p-bit p when the format has them);
-// returns the codes and sets the decoded values and the squared error.
+// The channel quantiser of this encoder on a 0..255 value v of b bits:
+// u = floor(v + 0.5), q = (u (2^b - 1) + 127) div 255. `top` is 2^b - 1.
+// (n + 0.5) / 255 keeps the integer division exact in float: n < 2^16.
+GLYPTORA_HD inline Vec4f quantizeChannels(Vec4f v, Vec4f top) {
+    const Vec4f u = lanes::roundHalfUp(glyptora_simd::clamp(v, Vec4f(0.0f), Vec4f(255.0f)));
+    return glyptora_simd::floor((u * top + Vec4f(127.5f)) * Vec4f(1.0f / 255.0f));
+}
+
+// Codes of an endpoint without p-bits, by the channel quantiser. Returns the
+// codes and sets the decoded values and the squared error.
 template <int NC>
-GLYPTORA_HD inline Vec4f quantizeEndpoint(const EndpointFormat& fmt, Vec4f f, int p, Vec4f& dec, float& err) {
-    Vec4f q, v;
-    if (!fmt.pbit) {
-        q = glyptora_simd::clamp(lanes::roundHalfUp(f * fmt.scale), Vec4f(0.0f), fmt.maxCode);
-        v = q;
-    } else {
-        const Vec4f pv = Vec4f(float(p));
-        q = glyptora_simd::clamp(lanes::roundHalfUp((f * fmt.scale - pv) * Vec4f(0.5f)), Vec4f(0.0f), fmt.maxCode);
-        v = q + q + pv;
-    }
+GLYPTORA_HD inline Vec4f quantizeEndpoint(const EndpointFormat& fmt, Vec4f f, Vec4f& dec, float& err) {
+    const Vec4f v = quantizeChannels(f, fmt.top);
     dec = v * fmt.mulHigh + glyptora_simd::floor(v * fmt.mulLow);
     const Vec4f d = f - dec;
     err = NC == 3 ? glyptora_simd::dot3(d, d) : glyptora_simd::dot4(d, d);
-    return q;
+    return v;
+}
+
+// Both p-bit versions of an endpoint: the channel quantiser's code where its
+// lowest bit is already p, otherwise the neighbouring code (one step up or
+// down) that decodes nearer. Stored codes exclude the p-bit.
+struct PBitPair {
+    Vec4f q[2];
+    Vec4f dec[2];
+    float err[2];
+};
+
+template <int NC>
+GLYPTORA_HD inline void quantizeWithPBits(const EndpointFormat& fmt, Vec4f f, PBitPair& out) {
+    const Vec4f v = quantizeChannels(f, fmt.top);
+    const Vec4f down = v - Vec4f(1.0f), up = v + Vec4f(1.0f);
+    const Vec4f decV = v * fmt.mulHigh + glyptora_simd::floor(v * fmt.mulLow);
+    const Vec4f decDown = down * fmt.mulHigh + glyptora_simd::floor(down * fmt.mulLow);
+    const Vec4f decUp = up * fmt.mulHigh + glyptora_simd::floor(up * fmt.mulLow);
+    const Vec4f upNearer = glyptora_simd::cmpLess(glyptora_simd::abs(decUp - f), glyptora_simd::abs(decDown - f));
+    const Vec4f downMissing = glyptora_simd::cmpLess(down, Vec4f(0.0f));
+    const Vec4f preferUp = lanes::maskAnd(glyptora_simd::cmpLessEqual(up, fmt.top),
+                                          glyptora_simd::select(downMissing, downMissing, upNearer));
+    const Vec4f other = glyptora_simd::select(preferUp, up, down);
+    const Vec4f decOther = glyptora_simd::select(preferUp, decUp, decDown);
+    const Vec4f odd = glyptora_simd::cmpGreater(v - Vec4f(2.0f) * glyptora_simd::floor(v * Vec4f(0.5f)), Vec4f(0.5f));
+    // p-bit 0 keeps the even codes, p-bit 1 the odd ones.
+    out.q[0] = glyptora_simd::floor(glyptora_simd::select(odd, other, v) * Vec4f(0.5f));
+    out.dec[0] = glyptora_simd::select(odd, decOther, decV);
+    out.q[1] = glyptora_simd::floor(glyptora_simd::select(odd, v, other) * Vec4f(0.5f));
+    out.dec[1] = glyptora_simd::select(odd, decV, decOther);
+    for (int p = 0; p < 2; ++p) {
+        const Vec4f d = f - out.dec[p];
+        out.err[p] = NC == 3 ? glyptora_simd::dot3(d, d) : glyptora_simd::dot4(d, d);
+    }
 }
 
 // Working state of one shape of a partitioned mode.
@@ -337,44 +367,38 @@ struct Fit {
 template <int NC, int NS>
 GLYPTORA_HD inline void quantizeFit(Fit<NC, NS>& fit, const EndpointFormat& fmt, int pkind, int combo) {
     for (int s = 0; s < NS; ++s) {
-        float e0, e1;
         if (pkind == kNoPBit || pkind == kPBitOne) {
-            const int p = pkind == kNoPBit ? 0 : 1;
+            // kPBitOne (mode 7 on an opaque block): p-bit 1 throughout, so that the
+            // alpha lane (255) takes code 31 and decodes to 255.
             for (int e = 0; e < 2; ++e) {
-                fit.q[s][e] = quantizeEndpoint<NC>(fmt, fit.f[s][e], p, fit.dec[s][e], e0);
-                fit.p[s][e] = p;
-            }
-        } else if (pkind == kEndpointPBit) {
-            for (int e = 0; e < 2; ++e) {
-                if (combo >= 0) {
-                    const int p = (combo >> e) & 1;
-                    fit.q[s][e] = quantizeEndpoint<NC>(fmt, fit.f[s][e], p, fit.dec[s][e], e0);
-                    fit.p[s][e] = p;
+                fit.p[s][e] = pkind == kNoPBit ? 0 : 1;
+                if (pkind == kNoPBit) {
+                    float err;
+                    fit.q[s][e] = quantizeEndpoint<NC>(fmt, fit.f[s][e], fit.dec[s][e], err);
                 } else {
-                    Vec4f d0, d1;
-                    const Vec4f q0 = quantizeEndpoint<NC>(fmt, fit.f[s][e], 0, d0, e0);
-                    const Vec4f q1 = quantizeEndpoint<NC>(fmt, fit.f[s][e], 1, d1, e1);
-                    const bool one = e1 < e0;
-                    fit.q[s][e] = one ? q1 : q0;
-                    fit.dec[s][e] = one ? d1 : d0;
-                    fit.p[s][e] = one ? 1 : 0;
+                    PBitPair pair;
+                    quantizeWithPBits<NC>(fmt, fit.f[s][e], pair);
+                    fit.q[s][e] = pair.q[1];
+                    fit.dec[s][e] = pair.dec[1];
                 }
             }
+            continue;
+        }
+        PBitPair pair[2];
+        quantizeWithPBits<NC>(fmt, fit.f[s][0], pair[0]);
+        quantizeWithPBits<NC>(fmt, fit.f[s][1], pair[1]);
+        int p[2];
+        if (pkind == kEndpointPBit) {
+            for (int e = 0; e < 2; ++e) p[e] = combo >= 0 ? (combo >> e) & 1 : (pair[e].err[1] < pair[e].err[0] ? 1 : 0);
         } else {  // shared
-            int p = combo & 1;
-            if (combo < 0) {
-                Vec4f d;
-                float a0, a1, b0, b1;
-                quantizeEndpoint<NC>(fmt, fit.f[s][0], 0, d, a0);
-                quantizeEndpoint<NC>(fmt, fit.f[s][1], 0, d, a1);
-                quantizeEndpoint<NC>(fmt, fit.f[s][0], 1, d, b0);
-                quantizeEndpoint<NC>(fmt, fit.f[s][1], 1, d, b1);
-                p = (b0 + b1) < (a0 + a1) ? 1 : 0;
-            }
-            for (int e = 0; e < 2; ++e) {
-                fit.q[s][e] = quantizeEndpoint<NC>(fmt, fit.f[s][e], p, fit.dec[s][e], e0);
-                fit.p[s][e] = p;
-            }
+            p[0] = combo >= 0 ? combo & 1
+                              : ((pair[0].err[1] + pair[1].err[1]) < (pair[0].err[0] + pair[1].err[0]) ? 1 : 0);
+            p[1] = p[0];
+        }
+        for (int e = 0; e < 2; ++e) {
+            fit.p[s][e] = p[e];
+            fit.q[s][e] = pair[e].q[p[e]];
+            fit.dec[s][e] = pair[e].dec[p[e]];
         }
     }
 }
@@ -1176,8 +1200,8 @@ GLYPTORA_HD inline float encodeMode6(const Block& b, float& best, uint8_t out[16
     }
     float ne[2][4];
     for (int j = 0; j < 4; ++j) {
-        ne[0][j] = clampf((1.0f - s0) * e0[j] + s0 * e1[j], 0.0f, 1.0f);
-        ne[1][j] = clampf((1.0f - s1) * e0[j] + s1 * e1[j], 0.0f, 1.0f);
+        ne[0][j] = (1.0f - s0) * e0[j] + s0 * e1[j];  // clamped by the quantiser
+        ne[1][j] = (1.0f - s1) * e0[j] + s1 * e1[j];
     }
     const float oldAlpha[2] = {e0[3], e1[3]};
     for (int e = 0; e < 2; ++e) {
@@ -1374,8 +1398,7 @@ GLYPTORA_HD inline void quantizeLanes(LaneFit<NC>& fit, int bits) {
     const float maxq = float((1 << bits) - 1);
     for (int e = 0; e < 2; ++e)
         for (int k = 0; k < NC; ++k) {
-            fit.q[e][k] = glyptora_simd::clamp(lanes::roundHalfUp(fit.f[e][k] * Vec4f(maxq / 255.0f)), Vec4f(0.0f),
-                                               Vec4f(maxq));
+            fit.q[e][k] = quantizeChannels(fit.f[e][k], Vec4f(maxq));
             fit.dec[e][k] = expandLanes(fit.q[e][k], bits);
         }
 }
