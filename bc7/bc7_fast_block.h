@@ -70,7 +70,6 @@ constexpr ShapeBits makeShapeBits(int subsets) {
 GLYPTORA_BC7_TABLE ShapeBits kShapeBits2 = makeShapeBits(2);
 GLYPTORA_BC7_TABLE ShapeBits kShapeBits3 = makeShapeBits(3);
 
-
 GLYPTORA_HD inline float clampf(float v, float lo, float hi) { return v < lo ? lo : (v > hi ? hi : v); }
 GLYPTORA_HD inline int clampi(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 // NaN reads as 0.
@@ -80,10 +79,10 @@ GLYPTORA_HD inline float saturate(float v) { return v > 0.0f ? (v < 1.0f ? v : 1
 // The block.
 
 struct Block {
-    Vec4f ch[4][4];   // [channel][group], 0..255
-    Vec4f uch[4][4];  // the same on the 0..1 scale
-    Vec4f valid[4];   // lane masks of the valid texels
-    float px[16][4];  // 0..255
+    Vec4f ch[4][4];     // [channel][group], 0..255
+    Vec4f uch[4][4];    // the same on the 0..1 scale
+    Vec4f valid[4];     // lane masks of the valid texels
+    float px[16][4];    // 0..255
     float unit[16][4];  // 0..1
     uint32_t validMask;
     int validCount;
@@ -111,8 +110,7 @@ GLYPTORA_HD inline void loadBlock(const float texels[64], uint16_t validRegion, 
             b.px[i][c] = v * 255.0f;
         }
     for (int g = 0; g < 4; ++g) {
-        for (int c = 0; c < 4; ++c)
-        {
+        for (int c = 0; c < 4; ++c) {
             b.ch[c][g] = Vec4f(b.px[4 * g][c], b.px[4 * g + 1][c], b.px[4 * g + 2][c], b.px[4 * g + 3][c]);
             b.uch[c][g] = Vec4f(b.unit[4 * g][c], b.unit[4 * g + 1][c], b.unit[4 * g + 2][c], b.unit[4 * g + 3][c]);
         }
@@ -389,7 +387,8 @@ GLYPTORA_HD inline void quantizeFit(Fit<NC, NS>& fit, const EndpointFormat& fmt,
         quantizeWithPBits<NC>(fmt, fit.f[s][1], pair[1]);
         int p[2];
         if (pkind == kEndpointPBit) {
-            for (int e = 0; e < 2; ++e) p[e] = combo >= 0 ? (combo >> e) & 1 : (pair[e].err[1] < pair[e].err[0] ? 1 : 0);
+            for (int e = 0; e < 2; ++e)
+                p[e] = combo >= 0 ? (combo >> e) & 1 : (pair[e].err[1] < pair[e].err[0] ? 1 : 0);
         } else {  // shared
             p[0] = combo >= 0 ? combo & 1
                               : ((pair[0].err[1] + pair[1].err[1]) < (pair[0].err[0] + pair[1].err[0]) ? 1 : 0);
@@ -403,9 +402,7 @@ GLYPTORA_HD inline void quantizeFit(Fit<NC, NS>& fit, const EndpointFormat& fmt,
     }
 }
 
-GLYPTORA_HD inline int pbitCombos(int pkind) {
-    return pkind == kEndpointPBit ? 4 : (pkind == kSharedPBit ? 2 : 1);
-}
+GLYPTORA_HD inline int pbitCombos(int pkind) { return pkind == kEndpointPBit ? 4 : (pkind == kSharedPBit ? 2 : 1); }
 
 // Least squares on the current indices, then the new endpoints quantised with
 // every p-bit combination (jointPBits) or with each p-bit chosen by the
@@ -471,8 +468,8 @@ GLYPTORA_HD constexpr int momentQuads() {
 
 template <int NC>
 struct RowMoments {
-    float mu[NC];            // block mean (moments are taken about it)
-    float sums[4][16][16];   // [row][column subset][record] (filled before use, not zeroed)
+    float mu[NC];           // block mean (moments are taken about it)
+    float sums[4][16][16];  // [row][column subset][record] (filled before use, not zeroed)
     Vec4f total[4];
     GLYPTORA_HD Vec4f quad(int row, int subset, int q) const { return Vec4f::load(&sums[row][subset][4 * q]); }
 };
@@ -717,8 +714,8 @@ GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (
 template <int NS>
 struct ShapeFit {
     int partition;
-    int slot;           // where its statistics are
-    float lo[NS];       // extremes of the projections, about each subset's mean
+    int slot;      // where its statistics are
+    float lo[NS];  // extremes of the projections, about each subset's mean
     float hi[NS];
     float model[2];
     float f[NS][2][4];  // endpoints (0..255), set by setEndpoints()
@@ -759,9 +756,11 @@ GLYPTORA_HD inline void fitCandidates(const Block& b, const ShapeStats<NC, NS, N
                 const Vec4f mean(st.mean[s][k][q[0]], st.mean[s][k][q[1]], st.mean[s][k][q[2]], st.mean[s][k][q[3]]);
                 offset[s] = offset[s] + mean * axis[s][k];
             }
-            scatter = scatter + Vec4f(st.scatter[s][q[0]], st.scatter[s][q[1]], st.scatter[s][q[2]], st.scatter[s][q[3]]);
+            scatter =
+                scatter + Vec4f(st.scatter[s][q[0]], st.scatter[s][q[1]], st.scatter[s][q[2]], st.scatter[s][q[3]]);
         }
-        const Vec4i second(int(bits.second[p[0]]), int(bits.second[p[1]]), int(bits.second[p[2]]), int(bits.second[p[3]]));
+        const Vec4i second(int(bits.second[p[0]]), int(bits.second[p[1]]), int(bits.second[p[2]]),
+                           int(bits.second[p[3]]));
         const Vec4i third(int(bits.third[p[0]]), int(bits.third[p[1]]), int(bits.third[p[2]]), int(bits.third[p[3]]));
         // Pass 1: projections (about the subset mean) and their extremes per subset.
         Vec4f tv[16], in1[16], in2[16];
@@ -787,10 +786,12 @@ GLYPTORA_HD inline void fitCandidates(const Block& b, const ShapeStats<NC, NS, N
             tv[i] = t;
             sumT2 = sumT2 + t * t;
             if (NS == 2) {
-                const Vec4f t0 = glyptora_simd::select(in1[i], tmin[0], t), t1 = glyptora_simd::select(in1[i], t, tmin[1]);
+                const Vec4f t0 = glyptora_simd::select(in1[i], tmin[0], t),
+                            t1 = glyptora_simd::select(in1[i], t, tmin[1]);
                 tmin[0] = glyptora_simd::min(tmin[0], t0);
                 tmin[1 % NS] = glyptora_simd::min(tmin[1 % NS], t1);
-                const Vec4f u0 = glyptora_simd::select(in1[i], tmax[0], t), u1 = glyptora_simd::select(in1[i], t, tmax[1 % NS]);
+                const Vec4f u0 = glyptora_simd::select(in1[i], tmax[0], t),
+                            u1 = glyptora_simd::select(in1[i], t, tmax[1 % NS]);
                 tmax[0] = glyptora_simd::max(tmax[0], u0);
                 tmax[1 % NS] = glyptora_simd::max(tmax[1 % NS], u1);
             } else {
@@ -1003,7 +1004,7 @@ GLYPTORA_HD inline void writePartitioned(const PartitionedMode& m, const Shape<N
 // beats `best`. Returns the shape's error.
 template <int NC, int NS>
 GLYPTORA_HD inline float runPartitioned(const Block& b, const PartitionedMode& m, const ShapeFit<NS>& start,
-                                       int refineIterations, float& best, uint8_t out[16]) {
+                                        int refineIterations, float& best, uint8_t out[16]) {
     // Mode 7 on an opaque block keeps alpha at 255: code 31 with p-bit 1.
     const int pkind = (m.alphaBits && NC == 3) ? kPBitOne : m.pkind;
     const EndpointFormat fmt = endpointFormat(m.colourBits, m.alphaBits, m.pkind != kNoPBit);
@@ -1046,8 +1047,7 @@ GLYPTORA_HD inline void principalAxis4(const float (&cov)[4][4], float (&axis)[4
     const Vec4f c2 = Vec4f(cov[2][0], cov[2][1], cov[2][2], cov[2][3]) * Vec4f(inv);
     const Vec4f c3 = Vec4f(cov[3][0], cov[3][1], cov[3][2], cov[3][3]) * Vec4f(inv);
     Vec4f v = k == 0 ? c0 : (k == 1 ? c1 : (k == 2 ? c2 : c3));
-    for (int it = 0; it < 8; ++it)
-        v = c0 * v.splat<0>() + c1 * v.splat<1>() + c2 * v.splat<2>() + c3 * v.splat<3>();
+    for (int it = 0; it < 8; ++it) v = c0 * v.splat<0>() + c1 * v.splat<1>() + c2 * v.splat<2>() + c3 * v.splat<3>();
     const float len2 = glyptora_simd::dot4(v, v);
     if (!(len2 > 0.0f)) return;
     v = v * Vec4f(1.0f / sqrtf(len2));
@@ -1058,7 +1058,8 @@ GLYPTORA_HD inline void principalAxis4(const float (&cov)[4][4], float (&axis)[4
 // round(t * 64) (the table is (15k + 26) >> 6), then its neighbours; the guess
 // wins ties and the lower neighbour wins a tie between the neighbours.
 GLYPTORA_HD inline Vec4f nearestIndex16(Vec4f t) {
-    const Vec4f k = glyptora_simd::min(glyptora_simd::max(lanes::roundHalfUp(t * Vec4f(64.0f)), Vec4f(0.0f)), Vec4f(64.0f));
+    const Vec4f k =
+        glyptora_simd::min(glyptora_simd::max(lanes::roundHalfUp(t * Vec4f(64.0f)), Vec4f(0.0f)), Vec4f(64.0f));
     const Vec4f guess = glyptora_simd::floor((k * Vec4f(15.0f) + Vec4f(26.0f)) * Vec4f(0.015625f));
     const Vec4f w = Vec4f(64.0f / 15.0f);
     const Vec4f inv64(0.015625f);
@@ -1066,10 +1067,12 @@ GLYPTORA_HD inline Vec4f nearestIndex16(Vec4f t) {
     const Vec4f lower = guess - Vec4f(1.0f), upper = guess + Vec4f(1.0f);
     const Vec4f dl = glyptora_simd::abs(t - lanes::roundHalfUp(lower * w) * inv64);
     const Vec4f du = glyptora_simd::abs(t - lanes::roundHalfUp(upper * w) * inv64);
-    const Vec4f takeLower = lanes::maskAnd(glyptora_simd::cmpGreater(guess, Vec4f(0.0f)), glyptora_simd::cmpLess(dl, dg));
+    const Vec4f takeLower =
+        lanes::maskAnd(glyptora_simd::cmpGreater(guess, Vec4f(0.0f)), glyptora_simd::cmpLess(dl, dg));
     Vec4f best = glyptora_simd::select(takeLower, lower, guess);
     const Vec4f bestDist = glyptora_simd::select(takeLower, dl, dg);
-    const Vec4f takeUpper = lanes::maskAnd(glyptora_simd::cmpLess(guess, Vec4f(15.0f)), glyptora_simd::cmpLess(du, bestDist));
+    const Vec4f takeUpper =
+        lanes::maskAnd(glyptora_simd::cmpLess(guess, Vec4f(15.0f)), glyptora_simd::cmpLess(du, bestDist));
     return glyptora_simd::select(takeUpper, upper, best);
 }
 
@@ -1114,7 +1117,7 @@ GLYPTORA_HD inline int quantizeUnit(float x, int bits) {
 // Writes the block when it beats `best`; returns its error.
 GLYPTORA_HD inline float encodeMode6(const Block& b, float& best, uint8_t out[16]) {
     // 1. Moments over the valid texels (the unit-scale texels).
-    const Vec4f (&u)[4][4] = b.uch;
+    const Vec4f(&u)[4][4] = b.uch;
     float sum[4], outer[4][4];
     for (int j = 0; j < 4; ++j) {
         Vec4f s(0.0f);
@@ -1240,7 +1243,8 @@ GLYPTORA_HD inline float encodeMode6(const Block& b, float& best, uint8_t out[16
         if (zero0 != zero1)
             t = glyptora_simd::select(glyptora_simd::cmpLessEqual(u[3][g], Vec4f(0.0f)), Vec4f(zero0 ? 0.0f : 1.0f), t);
         if (high0 != high1)
-            t = glyptora_simd::select(glyptora_simd::cmpLessEqual(Vec4f(0.998f), u[3][g]), Vec4f(high0 ? 0.0f : 1.0f), t);
+            t = glyptora_simd::select(glyptora_simd::cmpLessEqual(Vec4f(0.998f), u[3][g]), Vec4f(high0 ? 0.0f : 1.0f),
+                                      t);
         t = glyptora_simd::select(b.valid[g], t, Vec4f(0.5f));
         const Vec4f index = nearestIndex16(t);
         idxv[g] = index;
@@ -1249,8 +1253,7 @@ GLYPTORA_HD inline float encodeMode6(const Block& b, float& best, uint8_t out[16
         Vec4f e(0.0f);
         for (int c = 0; c < 4; ++c) {
             const float a = float(v[0][c]), bb = float(v[1][c]);
-            const Vec4f value =
-                glyptora_simd::floor((Vec4f(a * 64.0f + 32.0f) + Vec4f(bb - a) * w) * Vec4f(0.015625f));
+            const Vec4f value = glyptora_simd::floor((Vec4f(a * 64.0f + 32.0f) + Vec4f(bb - a) * w) * Vec4f(0.015625f));
             const Vec4f diff = b.ch[c][g] - value;
             e = e + diff * diff;
         }
@@ -1570,7 +1573,7 @@ GLYPTORA_HD inline void writeRotationBlock(const RotationVariant& v, int rotatio
 // that rotation whatever its error. Returns the error of the rotation chosen
 // (FLT_MAX when the variant stopped early, unable to win).
 GLYPTORA_HD inline float encodeRotations(const Block& b, const RotationLanes& rl, const RotationVariant& v, int forced,
-                                        float& best, uint8_t out[16]) {
+                                         float& best, uint8_t out[16]) {
     LaneFit<1> alpha;
     fitLanes<1>(b, rl.scalar, rl.scalarStart, v.alphaBits, v.alphaLevels, kRotationRefineIterations, alpha);
     if (forced < 0 && !glyptora_simd::moveMask(glyptora_simd::cmpLess(alpha.err, Vec4f(best)))) return kNoBlock;

@@ -27,10 +27,13 @@ void Utils::weights_for(int i, int denom, int& wa, int& wb) {
 }
 
 int Utils::lerp(int a, int b, int i, int bias, int denom) {
+    // The assertion texts are fixed: keep the spelling of the expressions.
+    // clang-format off
     GLYPTORA_ASSERT(denom == 3 || denom == 7 || denom == 15);
     GLYPTORA_ASSERT(i >= 0 && i <= denom);
     GLYPTORA_ASSERT(bias >= 0 && bias <= denom/2);
     GLYPTORA_ASSERT(a >= 0 && b >= 0);
+    // clang-format on
     int wa, wb;
     weights_for(i, denom, wa, wb);
     return (wa * a + wb * b + 32) >> 6;
@@ -72,9 +75,11 @@ int Utils::unquantize(int q, int prec) {
 void Utils::premult(float pixel[4]) {
     const float r = pixel[0], g = pixel[1], b = pixel[2], a = pixel[3];
     const int R = int(r), G = int(g), B = int(b), A = int(a);
+    // clang-format off
     GLYPTORA_ASSERT((R==r) && (A==a));
     GLYPTORA_ASSERT((G==g) && (A==a));
     GLYPTORA_ASSERT((B==b) && (A==a));
+    // clang-format on
     pixel[0] = float((R * A + 127) / 255);
     pixel[1] = float((G * A + 127) / 255);
     pixel[2] = float((B * A + 127) / 255);

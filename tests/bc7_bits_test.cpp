@@ -127,7 +127,8 @@ TEST(BC7Utils, IntegerLerpHitsBothEndpointsAndIgnoresBias) {
                 ASSERT_EQ(BC7Modes::Utils::lerp(a, b, 0, 1, denom), a);
                 ASSERT_EQ(BC7Modes::Utils::lerp(a, b, denom, 1, denom), b);
                 for (int i = 0; i <= denom; ++i)
-                    ASSERT_EQ(BC7Modes::Utils::lerp(a, b, i, 0, denom), BC7Modes::Utils::lerp(a, b, i, denom / 2, denom));
+                    ASSERT_EQ(BC7Modes::Utils::lerp(a, b, i, 0, denom),
+                              BC7Modes::Utils::lerp(a, b, i, denom / 2, denom));
             }
     // 2-bit indices use the 4-bit weights at 0, 5, 10, 15; 3-bit their own table.
     EXPECT_EQ(BC7Modes::Utils::lerp(0, 255, 1, 1, 3), (43 * 0 + 21 * 255 + 32) >> 6);

@@ -2,6 +2,7 @@
 // rotation and index mode checked against our decoder and, when Pillow is
 // available, against Pillow's independent decoder; the block driver's rules.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cfloat>
 #include <cmath>
@@ -11,8 +12,6 @@
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include "bc7/bc7_cpu.h"
 #include "bc7/bc7_decoder.h"
@@ -148,8 +147,8 @@ void writeDDS(const std::string& path, const std::vector<uint8_t>& blocks, int c
     header[3] = uint32_t(columns * 4);
     header[4] = uint32_t(blocks.size());
     header[6] = 1;
-    header[18] = 32;    // pixel format size
-    header[19] = 0x4;   // four-cc
+    header[18] = 32;          // pixel format size
+    header[19] = 0x4;         // four-cc
     header[20] = 0x30315844;  // "DX10"
     header[26] = 0x1000;      // texture
     for (uint32_t v : header) put32(out, v);
@@ -210,8 +209,7 @@ TEST(BC7Forced, PillowDecodesEveryBlockAsWeDo) {
         decodeBC7Block(&blocks[size_t(b) * 16], rgba);
         const int bx = b % columns, by = b / columns;
         for (int y = 0; y < 4; ++y)
-            for (int i = 0; i < 16; ++i)
-                expected[(size_t(by * 4 + y) * width + bx * 4) * 4 + i] = rgba[y * 16 + i];
+            for (int i = 0; i < 16; ++i) expected[(size_t(by * 4 + y) * width + bx * 4) * 4 + i] = rgba[y * 16 + i];
     }
 
     std::string dir = ::testing::TempDir() + "bc7_pillow_XXXXXX";
@@ -358,7 +356,8 @@ TEST(BC7Mode6, AlphaExtremesStayExact) {
     EXPECT_EQ(rgba[15 * 4 + 3], 255);
 
     // A flat block: the segment is widened by one step either way and still hits the colour.
-    for (int i = 0; i < 16; ++i) tex[i * 4 + 0] = tex[i * 4 + 1] = tex[i * 4 + 2] = 127.0f / 255.0f, tex[i * 4 + 3] = 1.0f;
+    for (int i = 0; i < 16; ++i)
+        tex[i * 4 + 0] = tex[i * 4 + 1] = tex[i * 4 + 2] = 127.0f / 255.0f, tex[i * 4 + 3] = 1.0f;
     EXPECT_EQ(encodeBC7BlockForced(tex, kFull, true, {6, 0, 0, 0}, block), 0.0f);
 }
 
