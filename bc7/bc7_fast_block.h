@@ -657,30 +657,31 @@ GLYPTORA_HD inline void scatterEstimates(const Block& b, const RowMoments<NC>& r
 }
 
 // The `keep` (at most 16) smallest estimates among the first `limit` shapes,
-// ascending; equal estimates keep shape order. Estimates are not negative, so
-// their bit patterns order like them: the keys are (bits, shape), selected by
-// a quickselect and then sorted.
+// ascending. Estimates are not negative, so their bit patterns order like
+// them; the key is the pattern with its lowest six bits replaced by the shape
+// index (estimates equal to 17 significant bits keep shape order). Selected
+// by a quickselect, then sorted.
 GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (&order)[16]) {
     if (keep > 16) keep = 16;
     if (keep > limit) keep = limit;
-    uint64_t keys[64];
+    uint32_t keys[64];
     for (int p = 0; p < limit; ++p) {
         union {
             float f;
             uint32_t u;
         } bits;
         bits.f = est[p];
-        keys[p] = (uint64_t(bits.u) << 6) | uint64_t(p);
+        keys[p] = (bits.u & ~63u) | uint32_t(p);
     }
     int lo = 0, hi = limit - 1;
     while (lo < hi) {
-        const uint64_t pivot = keys[(lo + hi) >> 1];
+        const uint32_t pivot = keys[(lo + hi) >> 1];
         int i = lo, j = hi;
         while (i <= j) {
             while (keys[i] < pivot) ++i;
             while (keys[j] > pivot) --j;
             if (i <= j) {
-                const uint64_t t = keys[i];
+                const uint32_t t = keys[i];
                 keys[i] = keys[j];
                 keys[j] = t;
                 ++i;
@@ -695,7 +696,7 @@ GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (
             break;
     }
     for (int c = 1; c < keep; ++c) {
-        const uint64_t key = keys[c];
+        const uint32_t key = keys[c];
         int pos = c;
         while (pos > 0 && keys[pos - 1] > key) {
             keys[pos] = keys[pos - 1];
