@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "core/host_device.h"
+#include "core/vec4.h"
 
 namespace glyptora_bc7 {
 
@@ -31,6 +32,9 @@ struct BC7FastTrace {
     int keptStep;
 };
 
+// The block functions are compiled with either vector backend (see core/vec4.h).
+inline namespace GLYPTORA_SIMD_ABI {
+
 // Encodes one 4x4 block. `texels`: 16 RGBA floats (0..1) in row order;
 // `validRegion`: valid columns in the low byte, valid rows in the high byte.
 // Texels outside the valid region play no part. Returns the block's squared
@@ -43,6 +47,7 @@ GLYPTORA_HD inline float encodeBC7BlockFast(const float texels[64], uint16_t val
 GLYPTORA_HD inline float encodeBC7BlockForced(const float texels[64], uint16_t validRegion, bool imageHasAlpha,
                                               const BC7ForcedChoice& choice, uint8_t out[16]);
 
+}  // namespace GLYPTORA_SIMD_ABI
 }  // namespace glyptora_bc7
 
 #include "bc7/bc7_fast_block.h"

@@ -27,6 +27,7 @@
 #include "core/vec4.h"
 
 namespace glyptora_bc7 {
+inline namespace GLYPTORA_SIMD_ABI {
 namespace fastenc {
 
 using glyptora_simd::Vec4f;
@@ -1779,4 +1780,5 @@ GLYPTORA_HD inline float encodeBC7BlockForced(const float texels[64], uint16_t v
     return fastenc::encodeForced(b, choice, out);
 }
 
+}  // namespace GLYPTORA_SIMD_ABI
 }  // namespace glyptora_bc7

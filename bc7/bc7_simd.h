@@ -8,6 +8,7 @@
 #include "core/vec4.h"
 
 namespace glyptora_bc7 {
+inline namespace GLYPTORA_SIMD_ABI {
 namespace lanes {
 
 using glyptora_simd::Vec4f;
@@ -80,4 +81,5 @@ GLYPTORA_HD inline Vec4f bitLane(Vec4i bits, int i) {
 #endif
 
 }  // namespace lanes
+}  // namespace GLYPTORA_SIMD_ABI
 }  // namespace glyptora_bc7
