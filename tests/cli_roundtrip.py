@@ -86,6 +86,16 @@ def photo_like(width, height, alpha=False, seed=1):
     return img
 
 
+def normal_map(width, height):
+    """Tangent-space normals of a bumpy height field, encoded as RGB = (n + 1) / 2."""
+    y, x = np.mgrid[0:height, 0:width].astype(np.float64)
+    h = np.sin(x / 3.0) * np.cos(y / 4.0) + 0.3 * np.sin((x + y) / 2.0)
+    dx, dy = np.gradient(h, axis=1), np.gradient(h, axis=0)
+    n = np.stack([-dx, -dy, np.ones_like(h)], axis=-1)
+    n /= np.linalg.norm(n, axis=-1, keepdims=True)
+    return np.clip(np.rint((n + 1) * 127.5), 0, 255).astype(np.uint8)
+
+
 def random_image(width, height, channels, seed):
     return np.random.default_rng(seed).integers(0, 256, (height, width, channels), dtype=np.uint8)
 
@@ -385,7 +395,7 @@ class DdsRoundTrip(ToolCase):
         """(name, RGB or RGBA pixels) of every test image."""
         return [("odd5x3", random_image(5, 3, 3, seed=3)), ("single1x1", random_image(1, 1, 4, seed=4)),
                 ("odd13x7", photo_like(13, 7, alpha=True, seed=5)), ("photo64x48", photo_like(64, 48, seed=6)),
-                ("alpha64x48", photo_like(64, 48, alpha=True, seed=7))]
+                ("alpha64x48", photo_like(64, 48, alpha=True, seed=7)), ("normal30x22", normal_map(30, 22))]
 
     def test_headers_and_levels(self):
         """Header fields, FourCC or DX10 code, and the full mip chain in the file size."""
