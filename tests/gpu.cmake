@@ -43,9 +43,3 @@ if(TARGET gpu_embedding_test)
   add_dependencies(gpu_embedding_test glyptora)
   target_compile_definitions(gpu_embedding_test PRIVATE GLYPTORA_SHARED_LIBRARY="$<TARGET_FILE:glyptora>")
 endif()
-
-# Throughput of the BC1/BC3 GPU paths on a GPU machine (not part of the test run).
-if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/gpu_benchmark.cpp)
-  add_executable(glyptora_gpu_benchmark ${CMAKE_CURRENT_SOURCE_DIR}/gpu_benchmark.cpp)
-  target_link_libraries(glyptora_gpu_benchmark PRIVATE glyptora_core)
-endif()
