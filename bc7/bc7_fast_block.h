@@ -4,14 +4,16 @@
 // Texels are kept in lanes of four (texel 4g + lane is lane `lane` of group g)
 // on a 0..255 scale; the error is plain squared RGBA error.
 //
-// Mode 6 follows its fixed fit. The two-subset modes rank all 64 shapes by the
-// sum of their subsets' principal-axis residuals; the 16 best are fitted (four
-// at once, one per lane: endpoints at the extremes of each subset's
-// projection) and their error modelled with the projections rounded to 8 or 4
-// evenly spaced levels; each mode refines its best candidate by least squares
-// on the chosen indices, with p-bits chosen per endpoint. The three-subset
-// modes rank shapes by scatter, model the candidates' error from their line
-// fits' moments and refine the best. Modes 4 and 5 fit their four rotations
+// Mode 6 follows its fixed fit. The two-subset modes 1, 3 (and 7 on opaque
+// blocks) rank all 64 shapes by the sum of their subsets' scatters; the 16
+// best are fitted (four at once, one per lane: endpoints at the extremes of
+// each subset's principal-axis projection) and their error modelled with the
+// projections rounded to 8 evenly spaced levels; the best of them serves all
+// three modes, mode 1 refining it by least squares on the chosen indices, with
+// p-bits chosen per endpoint. The three-subset modes rank shapes by scatter,
+// model the candidates' error from their line fits' moments and fit the best.
+// A mode whose best modelled error is well above the block's best error so far
+// is not fitted. Modes 4 and 5 fit their four rotations
 // together, rotation r in lane r. Indices are chosen by projection onto the
 // decoded segment followed by an exact comparison of the two palette entries
 // around it (the rotations take the nearer level of the projection).
@@ -37,13 +39,21 @@ constexpr float kNoBlock = 3.4028235e38f;  // FLT_MAX: no block chosen yet
 constexpr float kBig = 1.0e30f;
 
 // Search effort: power iterations of the shape statistics; least-squares
-// rounds of the chosen shapes (two and three subsets) and of the rotations;
-// whether those rounds try every p-bit combination.
+// rounds of the chosen shape of mode 1, of mode 3 (modes 3 and 7 share mode
+// 1's shape), of the three-subset modes and of the rotations; whether those
+// rounds try every p-bit combination; rounds of the mode 6 blend factors.
 constexpr int kPowerIterations = 0;
 constexpr int kRefineIterations = 1;
+constexpr int kRefineIterationsMode3 = 0;
 constexpr int kRefineIterations3 = 0;
 constexpr int kRotationRefineIterations = 0;
 constexpr bool kJointPBits = false;
+constexpr int kBlendRounds = 1;
+// A partitioned mode's best candidate is fitted only when its modelled error
+// is below kRejectRatio times the block's best error so far (mode 7 on an
+// opaque block, which rarely beats mode 3: below the best error itself).
+constexpr float kRejectRatio = 2.0f;
+constexpr float kRejectRatioMode7 = 1.0f;
 
 // ---------------------------------------------------------------------------
 // Shape masks and small tables, derived from the format tables at compile time.
@@ -70,6 +80,26 @@ constexpr ShapeBits makeShapeBits(int subsets) {
 
 GLYPTORA_BC7_TABLE ShapeBits kShapeBits2 = makeShapeBits(2);
 GLYPTORA_BC7_TABLE ShapeBits kShapeBits3 = makeShapeBits(3);
+
+// Where the row moments of each subset's texels are (see RowMoments): for
+// subset 1 and 2 of every shape and each row, the float offset 256 row +
+// 16 (column subset of the row).
+struct ShapeRowOffsets {
+    uint16_t at[64][2][4];
+};
+
+constexpr ShapeRowOffsets makeShapeRowOffsets(const ShapeBits& bits) {
+    ShapeRowOffsets o{};
+    for (int p = 0; p < 64; ++p)
+        for (int r = 0; r < 4; ++r) {
+            o.at[p][0][r] = uint16_t(256 * r + 16 * ((bits.second[p] >> (4 * r)) & 15));
+            o.at[p][1][r] = uint16_t(256 * r + 16 * ((bits.third[p] >> (4 * r)) & 15));
+        }
+    return o;
+}
+
+GLYPTORA_BC7_TABLE ShapeRowOffsets kShapeRows2 = makeShapeRowOffsets(kShapeBits2);
+GLYPTORA_BC7_TABLE ShapeRowOffsets kShapeRows3 = makeShapeRowOffsets(kShapeBits3);
 
 GLYPTORA_HD inline float clampf(float v, float lo, float hi) { return v < lo ? lo : (v > hi ? hi : v); }
 GLYPTORA_HD inline int clampi(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
@@ -473,6 +503,12 @@ struct RowMoments {
     float sums[4][16][16];  // [row][column subset][record] (filled before use, not zeroed)
     Vec4f total[4];
     GLYPTORA_HD Vec4f quad(int row, int subset, int q) const { return Vec4f::load(&sums[row][subset][4 * q]); }
+    // The sum of a subset's quad q over the four rows (offsets from ShapeRowOffsets).
+    GLYPTORA_HD Vec4f subsetQuad(const uint16_t (&at)[4], int q) const {
+        const float* base = &sums[0][0][4 * q];
+        return (Vec4f::load(base + at[0]) + Vec4f::load(base + at[1])) +
+               (Vec4f::load(base + at[2]) + Vec4f::load(base + at[3]));
+    }
 };
 
 template <int NC>
@@ -586,20 +622,17 @@ GLYPTORA_HD inline const ShapeBits& shapeBits(int subsets) { return subsets == 2
 template <int NC, int NS>
 GLYPTORA_HD inline void gatherMoments(const Block& b, const RowMoments<NC>& rm, const int (&shapes)[4], int quads,
                                       Vec4f (&V)[NS][16]) {
-    const ShapeBits& bits = shapeBits(NS);
+    // Texels outside the valid region have zero records: no masking needed.
+    const ShapeRowOffsets& rows = NS == 2 ? kShapeRows2 : kShapeRows3;
     // Shape j's record quad q goes to V[s][4q + j]; each 4x4 block is then transposed.
     for (int j = 0; j < 4; ++j) {
         const int p = shapes[j];
-        const uint32_t m1 = bits.second[p] & b.validMask;
-        const uint32_t m2 = NS == 3 ? (bits.third[p] & b.validMask) : 0u;
         for (int q = 0; q < quads; ++q) {
-            const Vec4f s1 = rm.quad(0, m1 & 15, q) + rm.quad(1, (m1 >> 4) & 15, q) + rm.quad(2, (m1 >> 8) & 15, q) +
-                             rm.quad(3, (m1 >> 12) & 15, q);
+            const Vec4f s1 = rm.subsetQuad(rows.at[p][0], q);
             V[1 % NS][4 * q + j] = s1;
             Vec4f s0 = rm.total[q] - s1;
             if (NS == 3) {
-                const Vec4f s2 = rm.quad(0, m2 & 15, q) + rm.quad(1, (m2 >> 4) & 15, q) +
-                                 rm.quad(2, (m2 >> 8) & 15, q) + rm.quad(3, (m2 >> 12) & 15, q);
+                const Vec4f s2 = rm.subsetQuad(rows.at[p][1], q);
                 V[2 % NS][4 * q + j] = s2;
                 s0 = s0 - s2;
             }
@@ -636,24 +669,30 @@ GLYPTORA_HD inline void shapeStats(const Block& b, const RowMoments<NC>& rm, con
     }
 }
 
-// Cheaper estimate of all 64 shapes: the sum of their subsets' scatters.
+// Cheaper estimate of all 64 shapes: the sum of their subsets' scatters. With
+// moments about the block mean that is the block's total sum of squares less
+// each subset's |sum|^2 / n, so only the counts and sums are gathered.
 template <int NC, int NS>
 GLYPTORA_HD inline void scatterEstimates(const Block& b, const RowMoments<NC>& rm, float (&est)[64]) {
+    float squares = 0.0f;
+    {
+        float t[8];
+        rm.total[0].store(t);
+        rm.total[1].store(t + 4);
+        for (int k = 0; k < NC; ++k) squares += t[1 + NC + k];
+    }
+    const Vec4f total(squares);
     for (int p0 = 0; p0 < 64; p0 += 4) {
         const int p[4] = {p0, p0 + 1, p0 + 2, p0 + 3};
         Vec4f V[NS][16];
-        gatherMoments<NC, NS>(b, rm, p, 1 + (1 + 2 * NC) / 4, V);
-        Vec4f estimate(0.0f);
+        gatherMoments<NC, NS>(b, rm, p, 1, V);
+        Vec4f explained(0.0f);
         for (int s = 0; s < NS; ++s) {
-            const Vec4f invn = Vec4f(1.0f) / glyptora_simd::max(V[s][0], Vec4f(1.0f));
-            Vec4f squares(0.0f), sums(0.0f);
-            for (int k = 0; k < NC; ++k) {
-                squares = squares + V[s][1 + NC + k];
-                sums = sums + V[s][1 + k] * V[s][1 + k];
-            }
-            estimate = estimate + glyptora_simd::max(squares - sums * invn, Vec4f(0.0f));
+            Vec4f sums = V[s][1] * V[s][1];
+            for (int k = 1; k < NC; ++k) sums = sums + V[s][1 + k] * V[s][1 + k];
+            explained = explained + sums / glyptora_simd::max(V[s][0], Vec4f(1.0f));
         }
-        estimate.store(&est[p0]);
+        glyptora_simd::max(total - explained, Vec4f(0.0f)).store(&est[p0]);
     }
 }
 
@@ -662,8 +701,9 @@ GLYPTORA_HD inline void scatterEstimates(const Block& b, const RowMoments<NC>& r
 // them; the key is the pattern with its lowest six bits replaced by the shape
 // index (estimates equal to 17 significant bits keep shape order). Selected
 // by a quickselect, then sorted.
-GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (&order)[16]) {
-    if (keep > 16) keep = 16;
+template <int K>
+GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (&order)[K]) {
+    if (keep > K) keep = K;
     if (keep > limit) keep = limit;
     uint32_t keys[64];
     for (int p = 0; p < limit; ++p) {
@@ -695,15 +735,6 @@ GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (
             lo = i;
         else
             break;
-    }
-    for (int c = 1; c < keep; ++c) {
-        const uint32_t key = keys[c];
-        int pos = c;
-        while (pos > 0 && keys[pos - 1] > key) {
-            keys[pos] = keys[pos - 1];
-            --pos;
-        }
-        keys[pos] = key;
     }
     for (int c = 0; c < keep; ++c) order[c] = int(keys[c] & 63u);
     return keep;
@@ -899,10 +930,10 @@ GLYPTORA_HD inline void fitShape(const Block& b, const ShapeStats<NC, NS, N>& st
 // evenly spaced points, taking the texels as evenly spread (variance / (levels - 1)^2).
 // Returns the candidate of least modelled error (the earlier one on a tie).
 template <int NC, int NS, int N>
-GLYPTORA_HD inline int bestByMoments(const ShapeStats<NC, NS, N>& st, int count, int levels) {
+GLYPTORA_HD inline int bestByMoments(const ShapeStats<NC, NS, N>& st, int count, int levels, float& bestModel) {
     const float k = 1.0f / float((levels - 1) * (levels - 1));
     int best = 0;
-    float bestModel = kNoBlock;
+    bestModel = kNoBlock;
     for (int c = 0; c < count; ++c) {
         float model = 0.0f;
         for (int s = 0; s < NS; ++s) model += st.residual[s][c] + (st.scatter[s][c] - st.residual[s][c]) * k;
@@ -1088,7 +1119,7 @@ GLYPTORA_HD inline Vec4f weight16(Vec4f index) {
 GLYPTORA_HD inline void blendFactors(const Vec4f (&t)[4], const Vec4f (&valid)[4], float& s0, float& s1) {
     s0 = 0.0f;
     s1 = 1.0f;
-    for (int round = 0; round < 2; ++round) {
+    for (int round = 0; round < kBlendRounds; ++round) {
         const float range = s1 - s0;
         if (!(range > 1e-6f || range < -1e-6f)) return;
         const Vec4f inv(1.0f / range), lo(s0);
@@ -1617,27 +1648,28 @@ struct StepRecorder {
 // error modelled for 3-bit (mode 1) and 2-bit (modes 3, 7) indices.
 GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>& rm, float& best, uint8_t out[16],
                                              StepRecorder& rec) {
-    ShapeStats<3, 2, 64> st;
-    int all[64];
-    for (int p = 0; p < 64; ++p) all[p] = p;
-    shapeStats<3, 2, 64>(b, rm, all, 64, kPowerIterations, st);
+    float scatter[64];
+    scatterEstimates<3, 2>(b, rm, scatter);
     int order[16];
-    const int count = selectShapes(st.est, 64, 16, order);
+    const int count = selectShapes(scatter, 64, 16, order);
+    ShapeStats<3, 2, 16> st;
+    shapeStats<3, 2, 16>(b, rm, order, count, kPowerIterations, st);
+    const int slots[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
     ShapeFit<2> fits[16];
-    fitCandidates<3, 2, 64>(b, st, order, order, count, 8, 4, fits);
+    fitCandidates<3, 2, 16>(b, st, slots, order, count, 8, 0, fits);
+    ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
+    setEndpoints<3, 2, 16>(st, chosen);
+    const float model = chosen.model[0];
     float before = best;
-    ShapeFit<2>& three = fits[bestCandidate<2>(fits, count, 0)];
-    setEndpoints<3, 2, 64>(st, three);
-    rec.record(kStep1, runPartitioned<3, 2>(b, kMode1, three, kRefineIterations, best, out), before);
-    ShapeFit<2>& two = fits[bestCandidate<2>(fits, count, 1)];
-    setEndpoints<3, 2, 64>(st, two);
-    if (best > 0.0f) {
+    if (model < kRejectRatio * best)
+        rec.record(kStep1, runPartitioned<3, 2>(b, kMode1, chosen, kRefineIterations, best, out), before);
+    if (best > 0.0f && model < kRejectRatio * best) {
         before = best;
-        rec.record(kStep3, runPartitioned<3, 2>(b, kMode3, two, kRefineIterations, best, out), before);
+        rec.record(kStep3, runPartitioned<3, 2>(b, kMode3, chosen, kRefineIterationsMode3, best, out), before);
     }
-    if (best > 0.0f) {
+    if (best > 0.0f && model < kRejectRatioMode7 * best) {
         before = best;
-        rec.record(kStep7, runPartitioned<3, 2>(b, kMode7, two, 0, best, out), before);
+        rec.record(kStep7, runPartitioned<3, 2>(b, kMode7, chosen, 0, best, out), before);
     }
 }
 
@@ -1647,11 +1679,19 @@ GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>
 GLYPTORA_HD inline float encodeThreeSubsetMode(const Block& b, const RowMoments<3>& rm, const float (&est)[64],
                                                const PartitionedMode& m, int limit, int keep, float& best,
                                                uint8_t out[16]) {
+    // Each candidate's modelled error is at least its scatter / (levels - 1)^2:
+    // when even the least scatter gives too much, no candidate is fitted.
+    const float k = 1.0f / float(((1 << m.indexBits) - 1) * ((1 << m.indexBits) - 1));
+    Vec4f least(kNoBlock);
+    for (int p = 0; p < limit; p += 4) least = glyptora_simd::min(least, Vec4f::load(&est[p]));
+    if (!(lanes::hmin(least) * k < kRejectRatio * best)) return kNoBlock;
     int order[16];
     const int count = selectShapes(est, limit, keep, order);
     ShapeStats<3, 3, 16> st;
     shapeStats<3, 3, 16>(b, rm, order, count, kPowerIterations, st);
-    const int slot = bestByMoments<3, 3, 16>(st, count, 1 << m.indexBits);
+    float model;
+    const int slot = bestByMoments<3, 3, 16>(st, count, 1 << m.indexBits, model);
+    if (!(model < kRejectRatio * best)) return kNoBlock;
     ShapeFit<3> fit;
     fitShape<3, 3, 16>(b, st, slot, order[slot], fit);
     return runPartitioned<3, 3>(b, m, fit, kRefineIterations3, best, out);
@@ -1723,7 +1763,8 @@ GLYPTORA_HD inline void encodeShape(const Block& b, const PartitionedMode& m, in
     shapeStats<NC, NS, 4>(b, rm, shape, 1, kPowerIterations, st);
     ShapeFit<NS> fit;
     fitShape<NC, NS, 4>(b, st, 0, partition, fit);
-    runPartitioned<NC, NS>(b, m, fit, NS == 2 ? kRefineIterations : kRefineIterations3, best, out);
+    const int iterations = NS == 3 ? kRefineIterations3 : (m.mode == 3 ? kRefineIterationsMode3 : kRefineIterations);
+    runPartitioned<NC, NS>(b, m, fit, iterations, best, out);
 }
 
 GLYPTORA_HD inline float encodeForced(const Block& b, const BC7ForcedChoice& choice, uint8_t out[16]) {
