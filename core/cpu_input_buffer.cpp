@@ -91,7 +91,7 @@ std::unique_ptr<CPUBuffer_Base> buildTiles(const ImageRecord* images, int imageC
     }
     buffer->tileCount = total;
     buffer->validRegions.assign(total, TileValidRegion{0, 0});
-    buffer->tiles.assign(size_t(total) * size_t(tileWidth) * size_t(tileHeight) * 4, 0);
+    buffer->tiles.resize(size_t(total) * size_t(tileWidth) * size_t(tileHeight) * 4);
     uint32_t first = 0;
     for (int i = 0; i < imageCount; ++i) {
         const ImageRecord& image = images[i];

@@ -1,6 +1,8 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "core/cpu_views.h"
@@ -28,6 +30,27 @@ public:
     void describe(glyptora_internal::CPUViewBase& view) const;
 };
 
+// Leaves elements uninitialised on resize: tile storage is written by the fill before any
+// valid pixel is read, and zeroing it first would be a serial pass over the whole image.
+template <typename T>
+struct UninitialisedAllocator : std::allocator<T> {
+    template <typename U>
+    struct rebind {
+        using other = UninitialisedAllocator<U>;
+    };
+    UninitialisedAllocator() = default;
+    template <typename U>
+    UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
+    template <typename U>
+    void construct(U* p) noexcept {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <typename U, typename... Args>
+    void construct(U* p, Args&&... args) {
+        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+};
+
 template <typename View>
 class TCPUBuffer final : public CPUBuffer_Base {
 public:
@@ -41,7 +64,7 @@ public:
         v.data = tiles.data();
         return v;
     }
-    std::vector<Element> tiles;
+    std::vector<Element, UninitialisedAllocator<Element>> tiles;
 };
 
 using U8TileBuffer = TCPUBuffer<glyptora_internal::CPUU8View>;

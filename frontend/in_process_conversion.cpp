@@ -1,10 +1,12 @@
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 #include "core/cpu_input_buffer.h"
 #include "core/encoder_dispatch.h"
+#include "core/task_dispatcher.h"
 #include "frontend/conversion_entry.h"
 #include "frontend/request_decoding.h"
 #include "frontend/source_fixups.h"
@@ -26,6 +28,18 @@ LevelExtent levelExtent(uint32_t dimension, uint32_t width, uint32_t height, uin
     e.height = std::max<uint32_t>(height >> shift, 1);
     e.depth = dimension == 2 ? std::max<uint32_t>(depth >> shift, 1) : depth;
     return e;
+}
+
+// Runs `visit(first, count)` over runs of pixels in parallel: copies, fix-ups and the alpha
+// scan are linear in the image and would otherwise hold back the parallel encoders.
+template <typename Visit>
+void forEachPixelRun(uint64_t pixelCount, Visit&& visit) {
+    const uint64_t run = 1u << 16;
+    const uint64_t runs = (pixelCount + run - 1) / run;
+    parallelFor(int(runs), [&](uint32_t r) {
+        const uint64_t first = uint64_t(r) * run;
+        visit(first, std::min(run, pixelCount - first));
+    });
 }
 
 }  // namespace
@@ -56,14 +70,18 @@ bool convertInProcess(void* destination, const void* source, const char* destina
     std::vector<uint8_t> privateCopy;
     const uint8_t* pixels = static_cast<const uint8_t*>(source);
     if (oneBitAlpha || luminanceAlpha) {
-        privateCopy.assign(pixels, pixels + totalPixels * bytesPerPixel);
-        if (oneBitAlpha) forceOneBitAlpha(privateCopy.data(), totalPixels, valueType);
-        if (luminanceAlpha) expandLuminanceAlpha(privateCopy.data(), totalPixels, valueType);
+        privateCopy.resize(totalPixels * bytesPerPixel);
+        uint8_t* copy = privateCopy.data();
+        forEachPixelRun(totalPixels, [&](uint64_t first, uint64_t count) {
+            std::memcpy(copy + first * bytesPerPixel, pixels + first * bytesPerPixel, count * bytesPerPixel);
+            if (oneBitAlpha) forceOneBitAlpha(copy + first * bytesPerPixel, count, valueType);
+            if (luminanceAlpha) expandLuminanceAlpha(copy + first * bytesPerPixel, count, valueType);
+        });
         pixels = privateCopy.data();
     }
 
     std::vector<glyptora::ImageRecord> records(static_cast<size_t>(levels));
-    bool imageHasAlpha = false;
+    std::atomic<bool> imageHasAlpha{false};
     uint64_t offset = 0;
     for (int m = 0; m < levels; ++m) {
         const LevelExtent e = levelExtent(dimension, width, height, depth, uint32_t(m));
@@ -72,7 +90,12 @@ bool convertInProcess(void* destination, const void* source, const char* destina
         r.width = int32_t(e.width);
         r.height = int32_t(e.height);
         r.depth = int32_t(e.depth);
-        if (!imageHasAlpha) imageHasAlpha = levelHasAlpha(pixels + offset * bytesPerPixel, e.pixels(), valueType);
+        const uint8_t* level = pixels + offset * bytesPerPixel;
+        forEachPixelRun(e.pixels(), [&](uint64_t first, uint64_t count) {
+            if (!imageHasAlpha.load(std::memory_order_relaxed) &&
+                levelHasAlpha(level + first * bytesPerPixel, count, valueType))
+                imageHasAlpha.store(true, std::memory_order_relaxed);
+        });
         offset += e.pixels();
     }
 
@@ -96,9 +119,9 @@ bool convertInProcess(void* destination, const void* source, const char* destina
         case kFormatBC6HS:
             encodeBC6H(*input, slow, code == kFormatBC6HS, destination, useGpu && !slow, false, nullptr);
             break;
-        case kFormatBC7: encodeBC7(*input, slow, imageHasAlpha, destination, useGpu && !slow, false, nullptr); break;
+        case kFormatBC7: encodeBC7(*input, slow, imageHasAlpha.load(), destination, useGpu && !slow, false, nullptr); break;
         default:
-            if (isAstcCode(code)) encodeASTC(*input, quality, imageHasAlpha, destination, useGpu, false, nullptr);
+            if (isAstcCode(code)) encodeASTC(*input, quality, imageHasAlpha.load(), destination, useGpu, false, nullptr);
             break;
     }
     return true;
