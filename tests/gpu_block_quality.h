@@ -15,6 +15,7 @@
 #include "bc/bc1_decoder.h"
 #include "bc/colour_block.h"
 #include "core/cpu_input_buffer.h"
+#include "core/encoder_dispatch.h"
 #include "core/image_record.h"
 #include "gpu/gpu_encoders.h"
 
@@ -227,6 +228,22 @@ inline double blocksPsnr(GpuFormat format, const glyptora::CPUBuffer_Base& buffe
     });
     if (squared == 0) return std::numeric_limits<double>::infinity();
     return 10.0 * std::log10(255.0 * 255.0 * double(samples) / squared);
+}
+
+// The CPU encoder entry at the quality where the GPU path runs.
+inline std::vector<uint8_t> cpuEntryBlocks(const FormatCase& f, const glyptora::CPUInputBuffer& input) {
+    std::vector<uint8_t> out(size_t(input.tileCount()) * size_t(f.blockBytes), 0);
+    switch (f.format) {
+        case GpuFormat::BC1a: glyptora_internal::encodeBC1a(input, false, out.data(), false, false, nullptr); break;
+        case GpuFormat::BC2: glyptora_internal::encodeBC2(input, false, out.data(), false, false, nullptr); break;
+        case GpuFormat::BC3: glyptora_internal::encodeBC3(input, false, out.data(), false, false, nullptr); break;
+        case GpuFormat::BC4: glyptora_internal::encodeBC4(input, false, out.data(), false, false, nullptr); break;
+        case GpuFormat::BC4S: glyptora_internal::encodeBC4S(input, false, out.data(), false, false, nullptr); break;
+        case GpuFormat::BC5: glyptora_internal::encodeBC5(input, false, out.data(), false, false, nullptr); break;
+        case GpuFormat::BC5S: glyptora_internal::encodeBC5S(input, false, out.data(), false, false, nullptr); break;
+        default: break;
+    }
+    return out;
 }
 
 }  // namespace gpu_quality

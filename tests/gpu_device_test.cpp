@@ -16,6 +16,7 @@
 
 using namespace glyptora_internal;
 using gpu_quality::FormatCase;
+using gpu_quality::cpuEntryBlocks;
 
 namespace {
 
@@ -44,21 +45,6 @@ protected:
 
     const GpuSession* session = nullptr;
 };
-
-std::vector<uint8_t> cpuEntryBlocks(const FormatCase& f, const glyptora::CPUInputBuffer& input) {
-    std::vector<uint8_t> out(size_t(input.tileCount()) * size_t(f.blockBytes), 0);
-    switch (f.format) {
-        case GpuFormat::BC1a: encodeBC1a(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC2: encodeBC2(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC3: encodeBC3(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC4: encodeBC4(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC4S: encodeBC4S(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC5: encodeBC5(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC5S: encodeBC5S(input, false, out.data(), false, false, nullptr); break;
-        default: break;
-    }
-    return out;
-}
 
 size_t differingBlocks(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b, int blockBytes) {
     size_t count = 0;

@@ -33,6 +33,7 @@ using namespace glyptora_internal;
 using gpu_emulation::KernelEmulator;
 using gpu_emulation::Launch;
 using gpu_quality::FormatCase;
+using gpu_quality::cpuEntryBlocks;
 
 namespace names = glyptora_internal::kernel_names;
 
@@ -101,22 +102,6 @@ std::vector<gpu_quality::SourceImage> oddSizedImages() {
 }
 
 std::vector<gpu_quality::SourceImage> thousandTiles() { return {gpu_quality::makeSource(160, 100, 3)}; }
-
-// The CPU encoder entry at the quality where the GPU path runs.
-std::vector<uint8_t> cpuEntryBlocks(const FormatCase& f, const glyptora::CPUInputBuffer& input) {
-    std::vector<uint8_t> out(size_t(input.tileCount()) * size_t(f.blockBytes), 0);
-    switch (f.format) {
-        case GpuFormat::BC1a: encodeBC1a(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC2: encodeBC2(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC3: encodeBC3(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC4: encodeBC4(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC4S: encodeBC4S(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC5: encodeBC5(input, false, out.data(), false, false, nullptr); break;
-        case GpuFormat::BC5S: encodeBC5S(input, false, out.data(), false, false, nullptr); break;
-        default: break;
-    }
-    return out;
-}
 
 // The kernels a format launches, in order within one launch function.
 std::vector<const char*> blockKernels(GpuFormat format) {
