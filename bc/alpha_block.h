@@ -156,17 +156,16 @@ GLYPTORA_HD inline int clampTruncateEndpoint(float v, int lowest, int highest) {
     return int(v);
 }
 
-// 8-value least squares: index k weighs 1 - k on alpha0 for k < 2, else (8 - k)/7.
-// Unsigned blocks pin alpha0 to 255 and alpha1 to 0 when the block holds those values.
-// The result is kept in 8-value order: a reversed pair is swapped with its indices remapped,
-// an equal pair gets every index 0.
-template <bool Signed>
-GLYPTORA_HD inline void solveEightValueEndpoints(const int x[16], const AlphaRange& range, AlphaBlockState& b) {
-    using D = AlphaDomain<Signed>;
+// Least squares for both endpoints: index k weighs w = 1 - k on alpha0 for k < 2, else
+// (valueCount - k) * step, and 1 - w on alpha1; indices at or above valueCount (the fixed
+// entries) are left out. Returns the determinant; the solution is not guarded against it.
+GLYPTORA_HD inline float solveEndpointPair(const int x[16], const AlphaBlockState& b, int valueCount, float step,
+                                           float& solved0, float& solved1) {
     float sww = 0, svv = 0, swv = 0, sxw = 0, sxv = 0;
     for (int i = 0; i < 16; ++i) {
         const int k = b.index[i];
-        const float w = k < 2 ? float(1 - k) : float(8 - k) * 0.14285715f;
+        if (k >= valueCount) continue;
+        const float w = k < 2 ? float(1 - k) : float(valueCount - k) * step;
         const float v = 1.0f - w;
         const float xf = float(x[i]);
         sww += roundedProduct(w, w);
@@ -176,8 +175,20 @@ GLYPTORA_HD inline void solveEightValueEndpoints(const int x[16], const AlphaRan
         sxv += roundedProduct(xf, v);
     }
     const float det = roundedProduct(sww, svv) - roundedProduct(swv, swv);
-    const float solved0 = (roundedProduct(svv, sxw) - roundedProduct(swv, sxv)) / det;
-    const float solved1 = (roundedProduct(sww, sxv) - roundedProduct(swv, sxw)) / det;
+    solved0 = (roundedProduct(svv, sxw) - roundedProduct(swv, sxv)) / det;
+    solved1 = (roundedProduct(sww, sxv) - roundedProduct(swv, sxw)) / det;
+    return det;
+}
+
+// 8-value least squares: index k weighs 1 - k on alpha0 for k < 2, else (8 - k)/7.
+// Unsigned blocks pin alpha0 to 255 and alpha1 to 0 when the block holds those values.
+// The result is kept in 8-value order: a reversed pair is swapped with its indices remapped,
+// an equal pair gets every index 0.
+template <bool Signed>
+GLYPTORA_HD inline void solveEightValueEndpoints(const int x[16], const AlphaRange& range, AlphaBlockState& b) {
+    using D = AlphaDomain<Signed>;
+    float solved0, solved1;
+    solveEndpointPair(x, b, 8, 0.14285715f, solved0, solved1);
     int a0 = clampTruncateEndpoint(solved0, D::kLowest, D::kHighest);
     int a1 = clampTruncateEndpoint(solved1, D::kLowest, D::kHighest);
     if (D::kKeepsExtremes && range.max == D::kHighest) a0 = D::kHighest;
@@ -203,23 +214,8 @@ GLYPTORA_HD inline void solveEightValueEndpoints(const int x[16], const AlphaRan
 template <bool Signed>
 GLYPTORA_HD inline void solveSixValueEndpoints(const int x[16], AlphaBlockState& b) {
     using D = AlphaDomain<Signed>;
-    float sww = 0, svv = 0, swv = 0, sxw = 0, sxv = 0;
-    for (int i = 0; i < 16; ++i) {
-        const int k = b.index[i];
-        if (k >= 6) continue;
-        const float w = k < 2 ? float(1 - k) : float(6 - k) * 0.2f;
-        const float v = 1.0f - w;
-        const float xf = float(x[i]);
-        sww += roundedProduct(w, w);
-        svv += roundedProduct(v, v);
-        swv += roundedProduct(w, v);
-        sxw += roundedProduct(xf, w);
-        sxv += roundedProduct(xf, v);
-    }
-    const float det = roundedProduct(sww, svv) - roundedProduct(swv, swv);
-    if (det == 0.0f) return;
-    const float solved0 = (roundedProduct(svv, sxw) - roundedProduct(swv, sxv)) / det;
-    const float solved1 = (roundedProduct(sww, sxv) - roundedProduct(swv, sxw)) / det;
+    float solved0, solved1;
+    if (solveEndpointPair(x, b, 6, 0.2f, solved0, solved1) == 0.0f) return;
     b.alpha0 = clampTruncateEndpoint(solved0, D::kLowest, D::kHighest);
     b.alpha1 = clampTruncateEndpoint(solved1, D::kLowest, D::kHighest);
 }
