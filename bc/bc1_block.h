@@ -183,6 +183,18 @@ GLYPTORA_HD inline unsigned round565(Vec4f& c) {
     return pack565(int(chosen.z()), int(chosen.y()), int(chosen.x()));
 }
 
+// A palette colour broadcast to all four lanes, one vector per channel.
+struct SplatColour {
+    Vec4f b, g, r;
+    GLYPTORA_HD explicit SplatColour(Vec4f c) : b(c.splat<0>()), g(c.splat<1>()), r(c.splat<2>()) {}
+};
+
+// Squared RGB distance of four pixels to one palette colour.
+GLYPTORA_HD inline Vec4f squaredDistance(Vec4f r, Vec4f g, Vec4f b, const SplatColour& c) {
+    const Vec4f dr = r - c.r, dg = g - c.g, db = b - c.b;
+    return dr * dr + dg * dg + db * db;
+}
+
 // 4-colour indices by unweighted squared distance to c0, c1 and the two thirds points.
 // The thirds use two slightly different constant pairs; ties fall to the lower entry:
 // index = 2*((d0 > d2 && d1 > d2) || (d0 > d3 && d1 > d3)) + (d0 > d3 && d2 > d3),
@@ -194,21 +206,12 @@ GLYPTORA_HD inline uint32_t selectFourColourIndices(const FastPixels& px, Vec4f 
     const Vec4f k3b(0x1.555556p-1f);  // 0.6666667  (0x3F2AAAAB)
     const Vec4f c2 = c0 * k2a + c1 * k2b;
     const Vec4f c3 = c0 * k3a + c1 * k3b;
-    const Vec4f b0 = c0.splat<0>(), g0 = c0.splat<1>(), r0 = c0.splat<2>();
-    const Vec4f b1 = c1.splat<0>(), g1 = c1.splat<1>(), r1 = c1.splat<2>();
-    const Vec4f b2 = c2.splat<0>(), g2 = c2.splat<1>(), r2 = c2.splat<2>();
-    const Vec4f b3 = c3.splat<0>(), g3 = c3.splat<1>(), r3 = c3.splat<2>();
+    const SplatColour p0(c0), p1(c1), p2(c2), p3(c3);
     uint32_t hiBits = 0, loBits = 0;
     for (int k = 0; k < 4; ++k) {
         const Vec4f r = px.r[k], g = px.g[k], b = px.b[k];
-        Vec4f dr = r - r0, dg = g - g0, db = b - b0;
-        const Vec4f d0 = dr * dr + dg * dg + db * db;
-        dr = r - r1, dg = g - g1, db = b - b1;
-        const Vec4f d1 = dr * dr + dg * dg + db * db;
-        dr = r - r2, dg = g - g2, db = b - b2;
-        const Vec4f d2 = dr * dr + dg * dg + db * db;
-        dr = r - r3, dg = g - g3, db = b - b3;
-        const Vec4f d3 = dr * dr + dg * dg + db * db;
+        const Vec4f d0 = squaredDistance(r, g, b, p0), d1 = squaredDistance(r, g, b, p1);
+        const Vec4f d2 = squaredDistance(r, g, b, p2), d3 = squaredDistance(r, g, b, p3);
         const int hi = glyptora_simd::moveMask(
             glyptora_simd::cmpGreater(glyptora_simd::min(d0, d1), glyptora_simd::min(d2, d3)));
         const int lo = glyptora_simd::moveMask(glyptora_simd::cmpGreater(glyptora_simd::min(d0, d2), d3));
@@ -222,18 +225,12 @@ GLYPTORA_HD inline uint32_t selectFourColourIndices(const FastPixels& px, Vec4f 
 // every pixel flagged in `transparent` (alpha 127 or less) is written with index 3.
 GLYPTORA_HD inline uint32_t selectThreeColourIndices(const FastPixels& px, uint32_t transparent, Vec4f c0, Vec4f c1) {
     const Vec4f c2 = (c0 + c1) * Vec4f(0.5f);
-    const Vec4f b0 = c0.splat<0>(), g0 = c0.splat<1>(), r0 = c0.splat<2>();
-    const Vec4f b1 = c1.splat<0>(), g1 = c1.splat<1>(), r1 = c1.splat<2>();
-    const Vec4f b2 = c2.splat<0>(), g2 = c2.splat<1>(), r2 = c2.splat<2>();
+    const SplatColour p0(c0), p1(c1), p2(c2);
     uint32_t oneBits = 0, twoBits = 0;
     for (int k = 0; k < 4; ++k) {
         const Vec4f r = px.r[k], g = px.g[k], b = px.b[k];
-        Vec4f dr = r - r0, dg = g - g0, db = b - b0;
-        const Vec4f d0 = dr * dr + dg * dg + db * db;
-        dr = r - r1, dg = g - g1, db = b - b1;
-        const Vec4f d1 = dr * dr + dg * dg + db * db;
-        dr = r - r2, dg = g - g2, db = b - b2;
-        const Vec4f d2 = dr * dr + dg * dg + db * db;
+        const Vec4f d0 = squaredDistance(r, g, b, p0), d1 = squaredDistance(r, g, b, p1);
+        const Vec4f d2 = squaredDistance(r, g, b, p2);
         // Entry 1 when d1 < d0; entry 2 when d2 is below the better of the two.
         const int one = glyptora_simd::moveMask(glyptora_simd::cmpLess(d1, d0));
         const int two = glyptora_simd::moveMask(glyptora_simd::cmpLess(d2, glyptora_simd::min(d1, d0)));
