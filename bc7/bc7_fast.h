@@ -7,7 +7,13 @@
 // Opaque blocks may use every mode, translucent ones only modes 4 to 7.
 //
 // The block routine is header-only and allocation-free so that it can also be
-// compiled for the GPU; bc7_fast_block.h holds the implementation.
+// compiled for the GPU. Its implementation, one concept a header, is included
+// at the end: fast_settings.h (search effort), fast_block_load.h (the block in
+// lanes, shape masks), fast_endpoint_fit.h (index choice, least squares,
+// quantisation and p-bits), fast_shape_ranking.h (shape statistics and
+// selection), fast_rotation_fit.h (modes 4 and 5), fast_mode6.h,
+// fast_block_writers.h and fast_mode_driver.h (the flow of the two functions
+// below).
 #include <cstdint>
 
 #include "core/host_device.h"
@@ -50,4 +56,4 @@ GLYPTORA_HD inline float encodeBC7BlockForced(const float texels[64], uint16_t v
 }  // namespace GLYPTORA_SIMD_ABI
 }  // namespace glyptora_bc7
 
-#include "bc7/bc7_fast_block.h"
+#include "bc7/fast_mode_driver.h"
