@@ -4,7 +4,6 @@
 #define GLYPTORA_COLOUR_BLOCK_INLINE 1
 #include "bc/colour_block.h"
 #include "core/block_loop.h"
-#include "core/cpu_encoders.h"
 #include "core/cpu_views.h"
 
 namespace glyptora_dxt {

@@ -4,7 +4,14 @@
 // without SSE4.1, so tools and tests see exactly the library's blocks.
 #include <cstdint>
 
+namespace glyptora_internal {
+class CPUViewBase;
+}
+
 namespace glyptora_dxt {
+
+// CPU implementation of the BC1 entry: one task per 4x4 tile, block t written at t * 8.
+void encodeBC1aCPU(const glyptora_internal::CPUViewBase& view, bool fast, uint8_t* out);
 
 // One BC1 block with punch-through alpha; `metric` (red, green, blue weights) is used by
 // the high-quality fit only.

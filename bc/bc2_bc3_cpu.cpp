@@ -1,8 +1,9 @@
 // CPU implementations of the BC2 and BC3 entries: one task per 4x4 tile. The high-quality
 // colour fit weighs red, green and blue by the view's channel weights.
+#include "bc/bc2_bc3_cpu.h"
+
 #include "bc/alpha_block_bc2_bc3.h"
 #include "core/block_loop.h"
-#include "core/cpu_encoders.h"
 
 namespace glyptora_dxt {
 

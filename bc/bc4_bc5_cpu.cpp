@@ -1,7 +1,8 @@
 // CPU implementations of the BC4, BC4S, BC5 and BC5S entries: one task per 4x4 tile.
+#include "bc/bc4_bc5_cpu.h"
+
 #include "bc/alpha_block_formats.h"
 #include "core/block_loop.h"
-#include "core/cpu_encoders.h"
 
 namespace glyptora_dxt {
 

@@ -2,7 +2,6 @@
 
 #include "bc7/bc7_fast.h"
 #include "core/block_loop.h"
-#include "core/cpu_encoders.h"
 #include "core/cpu_views.h"
 
 namespace glyptora_bc7 {

@@ -10,8 +10,9 @@ class CPUViewBase;
 
 namespace glyptora_bc7 {
 
-// As encodeBC7CPU (core/cpu_encoders.h); when `stats` is given, the modes of
-// the written blocks are added to it.
+// CPU implementation of the BC7 entry: one task per 4x4 tile, block t written at t * 16.
+void encodeBC7CPU(const glyptora_internal::CPUViewBase& view, bool fast, bool imageHasAlpha, uint8_t* out);
+// The same; when `stats` is given, the modes of the written blocks are added to it.
 void encodeBC7CPU(const glyptora_internal::CPUViewBase& view, bool fast, bool imageHasAlpha, uint8_t* out,
                   BC7ModeStats* stats);
 

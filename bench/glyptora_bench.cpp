@@ -127,8 +127,8 @@ double timeConversion(const std::vector<uint8_t>& source, std::vector<uint8_t>& 
     double best = 1e30, total = 0;
     for (int run = 0; run < 50 && (run == 0 || total < minSeconds); ++run) {
         const auto start = std::chrono::steady_clock::now();
-        ok = glyptora_internal::convertInProcess(out.data(), source.data(), format.word.c_str(), sourceWord, quality, 0,
-                                                 0, img.width, img.height, 1, 1);
+        ok = glyptora_internal::convertNarrow(out.data(), source.data(), format.word, sourceWord, quality, 0, 0,
+                                              img.width, img.height, 1, 1) == glyptora_internal::Status::Ok;
         const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         if (!ok) return 0;
         best = std::min(best, s);
@@ -206,16 +206,15 @@ int main(int argc, char** argv) {
             opt.minSeconds = std::atof(v);
         } else if (arg == "--list") {
             for (const FormatDesc& f : allFormats())
-                if (f.available && canDecode(f)) std::printf("%s\n", f.word.c_str());
+                if (!unavailableReason(f)) std::printf("%s\n", f.word);
             return 0;
         } else if (!arg.empty() && arg[0] == '-') {
             return usage(("unknown option " + arg).c_str());
         } else {
             const FormatDesc* f = findFormat(arg);
             if (!f) return usage(("unknown format " + arg).c_str());
-            if (!f->available || !canDecode(*f)) {
-                std::fprintf(stderr, "glyptora_bench: %s is not available: %s\n", f->word.c_str(),
-                             f->available ? "no block decoder" : f->note);
+            if (const char* why = unavailableReason(*f)) {
+                std::fprintf(stderr, "glyptora_bench: %s is not available: %s\n", f->word, why);
                 return 1;
             }
             opt.formats.push_back(f);
@@ -223,7 +222,7 @@ int main(int argc, char** argv) {
     }
     if (opt.formats.empty())
         for (const FormatDesc& f : allFormats())
-            if (f.available && canDecode(f)) opt.formats.push_back(&f);
+            if (!unavailableReason(f)) opt.formats.push_back(&f);
 
     // Corpus: the colour photographs, then the generated images.
     std::vector<BenchImage> corpus;
@@ -253,7 +252,7 @@ int main(int argc, char** argv) {
             row.format = format;
             row.quality = quality;
             const char* qualityWord = kQualityWords[quality];
-            std::fprintf(stderr, "%s %s ...\n", format->word.c_str(), qualityWord);
+            std::fprintf(stderr, "%s %s ...\n", format->word, qualityWord);
             for (const BenchImage& b : corpus) {
                 const SourceChain chain = buildSourceChain(b.image, 1, format->isSrgb);
                 const char* sourceWord =
@@ -272,7 +271,7 @@ int main(int argc, char** argv) {
                 }
                 if (!ok) {
                     std::fprintf(stderr, "glyptora_bench: %s: the library refused %s\n", b.name.c_str(),
-                                 format->word.c_str());
+                                 format->word);
                     return 1;
                 }
                 row.pixels += uint64_t(chain.width) * chain.height;
@@ -298,7 +297,7 @@ int main(int argc, char** argv) {
                 threads);
     std::printf("|---|---|---:|---:|---:|---:|\n");
     for (const Row& r : rows)
-        std::printf("| %s | %s | %.2f | %.2f | %s | %s |\n", r.format->word.c_str(), kQualityWords[r.quality],
+        std::printf("| %s | %s | %.2f | %.2f | %s | %s |\n", r.format->word, kQualityWords[r.quality],
                     r.seconds1 > 0 ? double(r.pixels) / r.seconds1 * 1e-6 : 0.0,
                     r.secondsN > 0 ? double(r.pixels) / r.secondsN * 1e-6 : 0.0, psnrText(r.photos.psnr()).c_str(),
                     psnrText(r.generated.psnr()).c_str());
@@ -309,7 +308,7 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < corpus.size(); ++i) std::printf("---:|");
     std::printf("\n");
     for (const Row& r : rows) {
-        std::printf("| %s | %s |", r.format->word.c_str(), kQualityWords[r.quality]);
+        std::printf("| %s | %s |", r.format->word, kQualityWords[r.quality]);
         for (double db : r.perImage) std::printf(" %s |", psnrText(db).c_str());
         std::printf("\n");
     }

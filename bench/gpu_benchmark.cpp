@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "core/cpu_input_buffer.h"
-#include "core/encoder_dispatch.h"
 #include "core/image_record.h"
 #include "core/timing_context.h"
 #include "gpu/cuda_driver.h"
+#include "dispatch/encoder_entries.h"
 #include "gpu/gpu_encoders.h"
 
 using namespace glyptora_internal;
@@ -81,52 +81,45 @@ int main(int argc, char** argv) {
     std::printf("image %d x %d (%.1f Mpix, %u blocks), best of %d runs\n", size, size, megapixels, buffer.tileCount,
                 repeat);
 
-    struct Format {
-        GpuFormat format;
-        const char* name;
-        const char* chunkLabel;
-        int blockBytes;
-    };
-    const Format formats[] = {{GpuFormat::BC1a, "BC1", "s_encode_bc1a_gpu()", 8},
-                              {GpuFormat::BC3, "BC3", "s_encode_bc3_gpu()", 16}};
+    const EncoderEntry* formats[] = {&format_table::kBC1a, &format_table::kBC3};
     const cuda::DriverApi& api = session->api();
     bool ok = true;
-    for (const Format& f : formats) {
-        const size_t bytes = size_t(buffer.tileCount) * size_t(f.blockBytes);
+    for (const EncoderEntry* entry : formats) {
+        const GpuPlan& plan = *entry->gpu;
+        const size_t bytes = size_t(buffer.tileCount) * size_t(plan.blockBytes);
         std::vector<uint8_t> out(bytes);
         cuda::CUdeviceptr device = 0;
         if (api.cuMemAlloc(&device, bytes) != cuda::kSuccess) {
             std::fprintf(stderr, "cannot allocate the device output\n");
             return 1;
         }
-        ok = ok && encodeOnGpu(f.format, buffer, out.data(), false, nullptr);  // warm-up
+        ok = ok && encodeOnGpu(plan, entry->name, buffer, out.data(), false, nullptr);  // warm-up
 
         double hostBest = 1e30, deviceBest = 1e30, kernelBest = 1e30, uploadBest = 1e30;
         for (int r = 0; r < repeat; ++r) {
             glyptora::TimingContext timing;
             auto start = std::chrono::steady_clock::now();
-            ok = ok && encodeOnGpu(f.format, buffer, out.data(), false, &timing);
+            ok = ok && encodeOnGpu(plan, entry->name, buffer, out.data(), false, &timing);
             hostBest = std::min(hostBest, seconds(start));
-            kernelBest = std::min(kernelBest, timing.total(f.chunkLabel) - timing.total("device to host"));
+            kernelBest = std::min(kernelBest, timing.total(plan.chunkLabel) - timing.total("device to host"));
             uploadBest = std::min(uploadBest, timing.total("host to device"));
 
             start = std::chrono::steady_clock::now();
-            ok = ok && encodeOnGpu(f.format, buffer, reinterpret_cast<uint8_t*>(uintptr_t(device)), true, nullptr);
+            ok = ok && encodeOnGpu(plan, entry->name, buffer, reinterpret_cast<uint8_t*>(uintptr_t(device)), true, nullptr);
             deviceBest = std::min(deviceBest, seconds(start));
         }
         api.cuMemFree(device);
-        std::printf("%s GPU  with copies (host in, host out): %9.1f Mpix/s  (%.3f s)\n", f.name,
+        std::printf("%s GPU  with copies (host in, host out): %9.1f Mpix/s  (%.3f s)\n", entry->name,
                     megapixels / hostBest, hostBest);
-        std::printf("%s GPU  output in device memory:         %9.1f Mpix/s  (%.3f s)\n", f.name,
+        std::printf("%s GPU  output in device memory:         %9.1f Mpix/s  (%.3f s)\n", entry->name,
                     megapixels / deviceBest, deviceBest);
-        std::printf("%s GPU  kernels only (no copies):        %9.1f Mpix/s  (%.3f s; upload %.3f s)\n", f.name,
+        std::printf("%s GPU  kernels only (no copies):        %9.1f Mpix/s  (%.3f s; upload %.3f s)\n", entry->name,
                     megapixels / kernelBest, kernelBest, uploadBest);
         if (cpu) {
             auto start = std::chrono::steady_clock::now();
-            if (f.format == GpuFormat::BC1a) encodeBC1a(input, false, out.data(), false, false, nullptr);
-            else encodeBC3(input, false, out.data(), false, false, nullptr);
+            runEncoderEntry(*entry, input, false, false, false, out.data(), false, false, nullptr);
             const double t = seconds(start);
-            std::printf("%s CPU  same quality:                    %9.1f Mpix/s  (%.3f s)\n", f.name, megapixels / t, t);
+            std::printf("%s CPU  same quality:                    %9.1f Mpix/s  (%.3f s)\n", entry->name, megapixels / t, t);
         }
     }
     if (!ok) {

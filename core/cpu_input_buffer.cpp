@@ -28,7 +28,15 @@ template <> int32_t F32TileBuffer::valueType() const { return kValueF32; }
 
 namespace {
 
-uint32_t ceilDiv(int32_t a, int32_t b) { return uint32_t((a + b - 1) / b); }
+uint64_t ceilDiv(int32_t a, int32_t b) { return (uint64_t(a) + uint64_t(b) - 1) / uint64_t(b); }
+
+// Tiles of one image, in 64 bits: the product of three 32-bit counts can exceed 32 bits.
+uint64_t imageTiles(const ImageRecord& image, int tileWidth, int tileHeight) {
+    return uint64_t(image.depth) * ceilDiv(image.height, tileHeight) * ceilDiv(image.width, tileWidth);
+}
+
+// The tile buffer counts tiles in 32 bits and the task loop in signed 32 bits.
+constexpr uint64_t kMaxTiles = INT32_MAX;
 
 template <typename T>
 T constantOne() {
@@ -76,27 +84,25 @@ void fillImage(const ImageRecord& image, int tileWidth, int tileHeight, uint32_t
     });
 }
 
+// Null when the images hold more tiles than a buffer can count.
 template <typename Buffer>
 std::unique_ptr<CPUBuffer_Base> buildTiles(const ImageRecord* images, int imageCount, int tileWidth, int tileHeight,
                                            uint32_t* tileCountPerImage) {
+    uint64_t total = 0;
+    for (int i = 0; i < imageCount && total <= kMaxTiles; ++i) total += imageTiles(images[i], tileWidth, tileHeight);
+    if (total > kMaxTiles) return nullptr;
     auto buffer = std::make_unique<Buffer>();
     buffer->tileWidth = tileWidth;
     buffer->tileHeight = tileHeight;
-    uint32_t total = 0;
-    for (int i = 0; i < imageCount; ++i) {
-        const ImageRecord& image = images[i];
-        const uint32_t count = uint32_t(image.depth) * ceilDiv(image.height, tileHeight) * ceilDiv(image.width, tileWidth);
-        if (tileCountPerImage) tileCountPerImage[i] = count;
-        total += count;
-    }
-    buffer->tileCount = total;
-    buffer->validRegions.assign(total, TileValidRegion{0, 0});
+    buffer->tileCount = uint32_t(total);
+    buffer->validRegions.assign(size_t(total), TileValidRegion{0, 0});
     buffer->tiles.resize(size_t(total) * size_t(tileWidth) * size_t(tileHeight) * 4);
     uint32_t first = 0;
     for (int i = 0; i < imageCount; ++i) {
-        const ImageRecord& image = images[i];
-        fillImage(image, tileWidth, tileHeight, first, buffer->tiles.data(), buffer->validRegions.data());
-        first += uint32_t(image.depth) * ceilDiv(image.height, tileHeight) * ceilDiv(image.width, tileWidth);
+        const uint32_t count = uint32_t(imageTiles(images[i], tileWidth, tileHeight));
+        if (tileCountPerImage) tileCountPerImage[i] = count;
+        fillImage(images[i], tileWidth, tileHeight, first, buffer->tiles.data(), buffer->validRegions.data());
+        first += count;
     }
     return buffer;
 }
@@ -129,6 +135,7 @@ CPUInputBuffer::CPUInputBuffer(const ImageRecord* images, int imageCount, int32_
         case kValueF32: m_private->buffer = buildTiles<F32TileBuffer>(images, imageCount, tileWidth, tileHeight, tileCountPerImage); break;
         default: return;
     }
+    if (!m_private->buffer) return;
     const float weights[4] = {weightR, weightG, weightB, weightA};
     for (int c = 0; c < 4; ++c) m_private->buffer->weights[c] = weights[c];
 }

@@ -71,7 +71,8 @@ using U8TileBuffer = TCPUBuffer<glyptora_internal::CPUU8View>;
 using S8TileBuffer = TCPUBuffer<glyptora_internal::CPUS8View>;
 using F32TileBuffer = TCPUBuffer<glyptora_internal::CPUF32View>;
 
-// The tiled input of every encoder. An unknown value type leaves it empty (buffer() is null).
+// The tiled input of every encoder. An unknown value type, invalid images or more tiles than
+// a signed 32-bit count holds leave it empty (buffer() is null).
 class CPUInputBuffer {
 public:
     CPUInputBuffer(const ImageRecord* images, int imageCount, int32_t valueType, int tileWidth, int tileHeight,

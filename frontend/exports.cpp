@@ -13,13 +13,17 @@ GLYPTORA_API uint32_t GlyptoraConvert(void* destination, const void* source, con
                                       uint32_t dimension, uint32_t width, uint32_t height, uint32_t depth,
                                       uint32_t mipCount) {
     return glyptora_internal::convertEntry(destination, source, destinationFormat, sourceFormat, options, flags,
-                                           dimension, width, height, depth, mipCount)
+                                           dimension, width, height, depth, mipCount) == glyptora_internal::Status::Ok
                ? 1u
                : 0u;
 }
 
 GLYPTORA_API uint32_t GlyptoraIsGpuEncodingAvailable(void) {
-    return glyptora_internal::isGpuEncodingAvailable() ? 1u : 0u;
+    try {
+        return glyptora_internal::isGpuEncodingAvailable() ? 1u : 0u;
+    } catch (...) {
+        return 0u;  // no exception crosses the library boundary
+    }
 }
 
 }  // extern "C"

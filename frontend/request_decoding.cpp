@@ -5,97 +5,84 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/diagnostics.h"
+#include "gpu/gpu_encoders.h"
+
 namespace glyptora_internal {
 
 namespace {
 
 bool startsWith(const char* s, const char* prefix) { return std::strncmp(s, prefix, std::strlen(prefix)) == 0; }
-bool contains(const char* s, const char* part) { return std::strstr(s, part) != nullptr; }
-bool equals(const char* s, const char* other) { return std::strcmp(s, other) == 0; }
 
-const char* const kAstcFootprints[] = {"4x4", "5x4", "5x5", "6x5", "6x6", "8x5", "8x6",
-                                      "8x8", "10x5", "10x6", "10x8", "10x10", "12x10", "12x12"};
-const int kAstcSizes[14][2] = {{4, 4}, {5, 4}, {5, 5}, {6, 5}, {6, 6}, {8, 5}, {8, 6},
-                               {8, 8}, {10, 5}, {10, 6}, {10, 8}, {10, 10}, {12, 10}, {12, 12}};
+// Tile counts and per-image sizes are 32-bit signed in the tile buffer and the task loop.
+constexpr uint64_t kMaxTiles = INT32_MAX;
+constexpr uint32_t kMaxExtent = INT32_MAX;
 
-bool isAstcName(const char* destination) {
-    return startsWith(destination, "unorm_astc") || startsWith(destination, "srgb_astc");
+// The encoder entry's mode argument for a quality level.
+int modeArgumentFor(QualityFlag flag, int quality) {
+    switch (flag) {
+        case QualityFlag::Fast: return quality < 1;
+        case QualityFlag::Slow: return quality >= 2;
+        case QualityFlag::Level: return quality;
+    }
+    return quality;
+}
+
+// Counts tiles level by level, stopping as soon as the count can no longer be held.
+uint64_t countTiles(const ConversionRequest& r) {
+    uint64_t tiles = 0;
+    for (int m = 0; m < r.levelCount && tiles <= kMaxTiles; ++m) {
+        const LevelExtent e = r.level(m);
+        const uint64_t across = (uint64_t(e.width) + r.format->blockWidth - 1) / uint64_t(r.format->blockWidth);
+        const uint64_t down = (uint64_t(e.height) + r.format->blockHeight - 1) / uint64_t(r.format->blockHeight);
+        tiles += across * down * e.depth;
+    }
+    return tiles;
 }
 
 }  // namespace
 
-int32_t decodeFormatCode(const char* d) {
-    if (!startsWith(d, "unorm_bc") && !startsWith(d, "snorm_bc") && !startsWith(d, "srgb_bc") &&
-        !startsWith(d, "ufloat_bc") && !startsWith(d, "float_bc")) {
-        if (!isAstcName(d)) return kFormatUnknown;
-        for (int i = 0; i < 14; ++i)
-            if (contains(d, kAstcFootprints[i])) return kFormatASTCFirst + i;
-        return kFormatUnknown;
-    }
-    if (contains(d, "bc1")) return kFormatBC1;
-    if (contains(d, "bc2")) return kFormatBC2;
-    if (contains(d, "bc3")) return kFormatBC3;
-    if (equals(d, "unorm_bc4")) return kFormatBC4;
-    if (equals(d, "snorm_bc4")) return kFormatBC4S;
-    if (equals(d, "unorm_bc5")) return kFormatBC5;
-    if (equals(d, "snorm_bc5")) return kFormatBC5S;
-    if (equals(d, "ufloat_bc6")) return kFormatBC6HU;
-    if (equals(d, "float_bc6")) return kFormatBC6HS;
-    if (contains(d, "bc7")) return kFormatBC7;
-    return kFormatUnknown;
+int32_t decodeFormatCode(const char* destination) {
+    const FormatRow* row = decodeDestination(destination);
+    return row ? row->code : kFormatUnknown;
 }
 
-bool isAstcCode(int32_t code) { return code >= kFormatASTCFirst && code <= kFormatASTCLast; }
-
-FormatInfo formatInfo(int32_t code) {
-    if (code == kFormatUncompressed) return {1, 1, 4};
-    if (isAstcCode(code)) {
-        const int* size = kAstcSizes[code - kFormatASTCFirst];
-        return {size[0], size[1], 16};
-    }
-    const bool eightBytes = code == 1 || code == 2 || code == 6 || code == 7;
-    return {4, 4, eightBytes ? 8 : 16};
-}
-
-uint64_t levelChainSize(int32_t code, uint32_t dimension, uint32_t width, uint32_t height, uint32_t depth,
+uint64_t levelChainSize(BlockGeometry geometry, uint32_t dimension, uint32_t width, uint32_t height, uint32_t depth,
                         uint32_t mipCount) {
-    const FormatInfo info = formatInfo(code);
-    uint64_t total = 0;
     if (int32_t(mipCount) < 1) return 0;
+    uint64_t total = 0;
     for (uint32_t m = 0; m < mipCount; ++m) {
-        const uint32_t shift = m < 32 ? m : 31;
         if (m == 33) {  // every further level is 1x1 with the same depth as level 32
             const uint64_t d = dimension == 2 ? 1 : depth;
-            return total + uint64_t(mipCount - m) * d * uint64_t(info.bytesPerUnit);
+            return total + uint64_t(mipCount - m) * d * uint64_t(geometry.bytesPerUnit);
         }
+        const uint32_t shift = std::min(m, 31u);
         uint64_t w = std::max<uint64_t>(uint64_t(width) >> shift, 1);
         uint64_t h = std::max<uint64_t>(uint64_t(height) >> shift, 1);
-        uint64_t d = dimension == 2 ? std::max<uint64_t>(uint64_t(depth) >> shift, 1) : depth;
-        w = (w + uint64_t(info.blockWidth) - 1) / uint64_t(info.blockWidth);
-        h = (h + uint64_t(info.blockHeight) - 1) / uint64_t(info.blockHeight);
-        total += w * h * d * uint64_t(info.bytesPerUnit);
+        const uint64_t d = dimension == 2 ? std::max<uint64_t>(uint64_t(depth) >> shift, 1) : depth;
+        w = (w + uint64_t(geometry.blockWidth) - 1) / uint64_t(geometry.blockWidth);
+        h = (h + uint64_t(geometry.blockHeight) - 1) / uint64_t(geometry.blockHeight);
+        total += w * h * d * uint64_t(geometry.bytesPerUnit);
     }
     return total;
 }
 
 bool isAcceptedSourceFormat(const char* s) {
-    return equals(s, "unorm_8_8_8_8") || equals(s, "snorm_8_8_8_8") || equals(s, "srgb_8_8_8_8") ||
-           equals(s, "float_32_32_32_32");
+    for (const char* name : {"unorm_8_8_8_8", "snorm_8_8_8_8", "srgb_8_8_8_8", "float_32_32_32_32"})
+        if (std::strcmp(s, name) == 0) return true;
+    return false;
 }
 
-bool isFloatSourceFormat(const char* s) { return startsWith(s, "float_") || startsWith(s, "ufloat_"); }
-
-int32_t decodeValueType(const char* s) {
-    if (isFloatSourceFormat(s)) return 2;
-    if (startsWith(s, "snorm_")) return 1;
-    return 0;
+glyptora::ValueType decodeValueType(const char* s) {
+    if (startsWith(s, "float_") || startsWith(s, "ufloat_")) return glyptora::kValueF32;
+    if (startsWith(s, "snorm_")) return glyptora::kValueS8;
+    return glyptora::kValueU8;
 }
 
 int decodeQualityLevel(const char* destination, const char* options) {
-    if (startsWith(options, "fastest")) return 0;
-    if (startsWith(options, "normal")) return 1;
-    if (startsWith(options, "production")) return 2;
-    if (startsWith(options, "highest")) return 3;
+    const char* const words[] = {"fastest", "normal", "production", "highest"};
+    for (int level = 0; level < 4; ++level)
+        if (startsWith(options, words[level])) return level;
     long long n = 1;
     if (std::isdigit(static_cast<unsigned char>(options[0]))) {
         n = 0;
@@ -104,24 +91,26 @@ int decodeQualityLevel(const char* destination, const char* options) {
             if (n > 1000000) n = 1000000;  // any large value clamps to 3 below
         }
     }
-    if (isAstcName(destination)) n += 1;
+    // ASTC counts its levels from one higher: no quality word means level 2.
+    if (startsWith(destination, "unorm_astc") || startsWith(destination, "srgb_astc")) n += 1;
     if (n < 0) return 1;
-    if (n > 3) return 3;
-    return int(n);
+    return int(std::min<long long>(n, 3));
 }
 
-void decodeChannelWeights(const char* d, const char* options, int32_t code, uint32_t flags, float weights[4]) {
+void decodeChannelWeights(const char* destination, const char* options, uint32_t flags, float weights[4]) {
     weights[0] = weights[1] = weights[2] = weights[3] = 1.0f;
-    const bool perceptualFormat = equals(d, "unorm_bc1") || equals(d, "unorm_bc2") || equals(d, "unorm_bc3") ||
-                                  equals(d, "srgb_bc1") || equals(d, "srgb_bc2") || equals(d, "srgb_bc3");
-    if (perceptualFormat && contains(options, "perceptual")) {
+    const FormatRow* named = findFormatRow(destination);
+    if (named && named->perceptual && std::strstr(options, "perceptual")) {
         weights[0] = 0.2126f;
         weights[1] = 0.7152f;
         weights[2] = 0.0722f;
         return;
     }
-    // ASTC 4x4 (code 17) is deliberately left without the alpha weight.
-    if (code >= 18 && code <= 30 && !(flags & kFlagLuminanceAlpha)) {
+    // ASTC footprints above 4x4 weigh alpha more; 4x4 is deliberately left out, and a
+    // luminance-alpha source keeps its plain alpha.
+    const FormatRow* row = decodeDestination(destination);
+    if (row && row->family == FormatFamily::ASTC && row->blockWidth * row->blockHeight > 16 &&
+        !(flags & kFlagLuminanceAlpha)) {
         weights[3] = 2.0f;
         const char* env = std::getenv("HALVORAN_GLYPTORA_ASTC_WEIGHT_A");
         if (env && *env) {
@@ -140,7 +129,72 @@ bool resolveGpuChoice(uint32_t flags, bool gpuAvailable, bool* useGpu) {
     }
     if (flags & kFlagGpuFallback) return true;
     const char* env = std::getenv("HALVORAN_GLYPTORA_GPU_ENCODING_AUTO");
-    return env && equals(env, "1");
+    return env && std::strcmp(env, "1") == 0;
+}
+
+
+LevelExtent ConversionRequest::level(int m) const {
+    const uint32_t shift = std::min(uint32_t(m), 31u);
+    LevelExtent e;
+    e.width = std::max<uint32_t>(width >> shift, 1);
+    e.height = std::max<uint32_t>(height >> shift, 1);
+    e.depth = dimension == 2 ? std::max<uint32_t>(depth >> shift, 1) : depth;
+    return e;
+}
+
+Status decodeConversionRequest(const char* destination, const char* source, const char* options, uint32_t flags,
+                               uint32_t dimension, uint32_t width, uint32_t height, uint32_t depth,
+                               uint32_t mipCount, ConversionRequest& r) {
+    r = ConversionRequest{};
+    r.format = decodeDestination(destination);
+    if (!r.format) {
+        errorLine("unknown destination format \"%s\".", destination);
+        return Status::UnknownDestinationFormat;
+    }
+    if (!isAcceptedSourceFormat(source)) {
+        errorLine("unknown source format \"%s\" (unorm_8_8_8_8, snorm_8_8_8_8, srgb_8_8_8_8 or float_32_32_32_32).",
+                  source);
+        return Status::UnknownSourceFormat;
+    }
+    if (!resolveGpuChoice(flags, (flags & kFlagGpu) ? isGpuEncodingAvailable() : false, &r.useGpu)) {
+        errorLine("GPU encoding was asked for and no usable CUDA GPU is present (flag 0x40 or "
+                  "HALVORAN_GLYPTORA_GPU_ENCODING_AUTO=1 allow the CPU instead).");
+        return Status::GpuUnavailable;
+    }
+    if (!r.format->hasEncoder()) {
+        errorLine("no encoder for \"%s\" in this build yet.", destination);
+        return Status::EncoderMissing;
+    }
+
+    const FormatRow* named = findFormatRow(destination);
+    r.oneBitAlpha = named && named->oneBitAlpha;
+    r.luminanceAlpha = r.format->family == FormatFamily::ASTC && (flags & kFlagLuminanceAlpha);
+    r.quality = decodeQualityLevel(destination, options);
+    r.modeArgument = modeArgumentFor(r.format->entry->quality, r.quality);
+    // The GPU is asked for only in the modes that have a GPU path.
+    r.useGpu = r.useGpu && (r.format->entry->quality == QualityFlag::Level || r.modeArgument == 0);
+    decodeChannelWeights(destination, options, flags, r.weights);
+    r.valueType = decodeValueType(source);
+    r.flags = flags;
+    r.dimension = dimension;
+    r.width = width;
+    r.height = height;
+    r.depth = depth;
+    // Mip counts below 1 as signed numbers, or no depth at all, leave nothing to encode.
+    r.levelCount = int32_t(mipCount) < 1 || depth == 0 ? 0 : int(mipCount);
+
+    if (width > kMaxExtent || height > kMaxExtent || depth > kMaxExtent || countTiles(r) > kMaxTiles) {
+        errorLine("a %ux%u texture of depth %u with %u level(s) is too large for \"%s\": at most %llu blocks and "
+                  "%u pixels a side.",
+                  width, height, depth, mipCount, destination, static_cast<unsigned long long>(kMaxTiles),
+                  kMaxExtent);
+        return Status::TooLarge;
+    }
+    r.totalTiles = countTiles(r);
+    for (int m = 0; m < r.levelCount; ++m) r.totalPixels += r.level(m).pixels();
+    r.sourceBytes = r.totalPixels * r.bytesPerPixel();
+    r.destinationBytes = levelChainSize(geometryOf(*r.format), dimension, width, height, depth, mipCount);
+    return Status::Ok;
 }
 
 }  // namespace glyptora_internal

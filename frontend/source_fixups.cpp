@@ -3,8 +3,8 @@
 namespace glyptora_internal {
 
 // BC1 keeps one bit of alpha: 8-bit alpha below 128 becomes 0, else 255; float alpha of at least 0.5 becomes 1.
-void forceOneBitAlpha(uint8_t* pixels, uint64_t count, int32_t valueType) {
-    if (valueType == 2) {
+void forceOneBitAlpha(uint8_t* pixels, uint64_t count, glyptora::ValueType valueType) {
+    if (valueType == glyptora::kValueF32) {
         float* p = reinterpret_cast<float*>(pixels);
         for (uint64_t i = 0; i < count; ++i) p[i * 4 + 3] = p[i * 4 + 3] >= 0.5f ? 1.0f : 0.0f;
     } else {
@@ -13,8 +13,8 @@ void forceOneBitAlpha(uint8_t* pixels, uint64_t count, int32_t valueType) {
 }
 
 // Luminance-alpha sources: (c0, c1, c2, c3) becomes (c0, c0, c0, c1).
-void expandLuminanceAlpha(uint8_t* pixels, uint64_t count, int32_t valueType) {
-    if (valueType == 2) {
+void expandLuminanceAlpha(uint8_t* pixels, uint64_t count, glyptora::ValueType valueType) {
+    if (valueType == glyptora::kValueF32) {
         float* p = reinterpret_cast<float*>(pixels);
         for (uint64_t i = 0; i < count; ++i, p += 4) {
             const float l = p[0], a = p[1];
@@ -31,8 +31,8 @@ void expandLuminanceAlpha(uint8_t* pixels, uint64_t count, int32_t valueType) {
 }
 
 // Any alpha byte below 255 (8-bit sources), or any float alpha that is not exactly 1.0.
-bool levelHasAlpha(const uint8_t* pixels, uint64_t count, int32_t valueType) {
-    if (valueType == 2) {
+bool levelHasAlpha(const uint8_t* pixels, uint64_t count, glyptora::ValueType valueType) {
+    if (valueType == glyptora::kValueF32) {
         const float* p = reinterpret_cast<const float*>(pixels);
         for (uint64_t i = 0; i < count; ++i)
             if (!(p[i * 4 + 3] == 1.0f)) return true;

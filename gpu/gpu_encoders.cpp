@@ -8,12 +8,13 @@
 
 #include "core/cpu_input_buffer.h"
 #include "core/diagnostics.h"
-#include "core/encoder_dispatch.h"
 #include "core/timing_context.h"
 #include "gpu/cuda_driver.h"
 #include "gpu/gpu_buffer.h"
 #include "gpu/gpu_kernel_names.h"
+#include "gpu/gpu_plan.h"
 #include "gpu/gpu_testing.h"
+#include "gpu/gpu_work_split.h"
 
 namespace glyptora_internal {
 
@@ -25,45 +26,6 @@ namespace {
 
 std::atomic<uint64_t> g_maxTilesPerChunk{0};
 std::atomic<uint64_t> g_maxTilesPerLaunch{0};
-
-// How one format runs on the GPU. Kernels taking the block count ("channel" kernels,
-// launched first) get (view, n, output); the colour kernels get (view, output).
-struct FormatPlan {
-    const char* entryName;       // as the entry's messages name it
-    const char* chunkLabel;      // timing scope of the per-chunk encoder
-    const char* launchLabel;     // timing scope of one launch
-    int launchDivisor;           // tiles per launch = clockRate x multiProcessorCount / divisor
-    int blockBytes;
-    bool signedKernels;          // kernels read signed 8-bit views (else unsigned 8-bit)
-    const char* channelKernel;   // launched first, or null
-    const char* colourKernel;    // launched second, or null
-};
-
-const FormatPlan kBC1a{"BC1a", "s_encode_bc1a_gpu()", "encode_bc1_gpu()", 6, 8, false, nullptr,
-                       kernel_names::kCompressDXT1a};
-const FormatPlan kBC2{"BC2", "s_encode_bc2_gpu()", "encode_bc2_gpu()", 12, 16, false, nullptr,
-                      kernel_names::kCompressDXT3};
-const FormatPlan kBC3{"BC3", "s_encode_bc3_gpu()", "encode_bc3_gpu()", 12, 16, false, kernel_names::kCompressDXT5Alpha,
-                      kernel_names::kCompressDXT5Color};
-const FormatPlan kBC4{"BC4", "s_encode_bc4_gpu()", "encode_bc4_gpu()", 1, 8, false, kernel_names::kCompressBC4, nullptr};
-const FormatPlan kBC4S{"BC4S", "s_encode_bc4s_gpu()", "encode_bc4s_gpu()", 1, 8, true, kernel_names::kCompressBC4S,
-                       nullptr};
-const FormatPlan kBC5{"BC5", "s_encode_bc5_gpu()", "encode_bc5_gpu()", 1, 16, false, kernel_names::kCompressBC5, nullptr};
-const FormatPlan kBC5S{"BC5S", "s_encode_bc5s_gpu()", "encode_bc5s_gpu()", 1, 16, true, kernel_names::kCompressBC5S,
-                       nullptr};
-
-const FormatPlan* planFor(GpuFormat format) {
-    switch (format) {
-        case GpuFormat::BC1a: return &kBC1a;
-        case GpuFormat::BC2: return &kBC2;
-        case GpuFormat::BC3: return &kBC3;
-        case GpuFormat::BC4: return &kBC4;
-        case GpuFormat::BC4S: return &kBC4S;
-        case GpuFormat::BC5: return &kBC5;
-        case GpuFormat::BC5S: return &kBC5S;
-        default: return nullptr;  // BC6H, BC7 and ASTC have no kernels yet
-    }
-}
 
 uint64_t capped(uint64_t value, uint64_t cap) {
     if (cap) value = std::min(value, cap);
@@ -85,7 +47,7 @@ const char* conversionKernel() {
 // One chunk's work on the device; the first failure is reported once and stops the rest.
 class ChunkEncoder {
 public:
-    ChunkEncoder(const GpuSession& session, const FormatPlan& plan, uint64_t tilesPerLaunch, TimingContext* timing)
+    ChunkEncoder(const GpuSession& session, const GpuPlan& plan, uint64_t tilesPerLaunch, TimingContext* timing)
         : m_session(session), m_api(session.api()), m_plan(plan), m_tilesPerLaunch(tilesPerLaunch), m_timing(timing) {}
 
     bool failed() const { return m_failed; }
@@ -210,14 +172,14 @@ private:
 
     const GpuSession& m_session;
     const cuda::DriverApi& m_api;
-    const FormatPlan& m_plan;
+    const GpuPlan& m_plan;
     const uint64_t m_tilesPerLaunch;
     TimingContext* m_timing;
     bool m_failed = false;
 };
 
 template <typename Source, typename CPUBuffer>
-bool encodeChunks(const GpuSession& session, const FormatPlan& plan, const CPUBuffer& buffer, uint8_t* output,
+bool encodeChunks(const GpuSession& session, const GpuPlan& plan, const CPUBuffer& buffer, uint8_t* output,
                   bool outputInDeviceMemory, TimingContext* timing) {
     const CudaDeviceProperties& properties = session.properties();
     const uint64_t tilesPerChunk = capped(
@@ -237,25 +199,21 @@ bool encodeChunks(const GpuSession& session, const FormatPlan& plan, const CPUBu
 
 }  // namespace
 
-bool hasGpuImplementation(GpuFormat format) { return planFor(format) != nullptr; }
-
-bool encodeOnGpu(GpuFormat format, const CPUBuffer_Base& buffer, uint8_t* output, bool outputInDeviceMemory,
-                 TimingContext* timing) {
-    const FormatPlan* plan = planFor(format);
-    if (!plan) return false;
+bool encodeOnGpu(const GpuPlan& plan, const char* entryName, const CPUBuffer_Base& buffer, uint8_t* output,
+                 bool outputInDeviceMemory, TimingContext* timing) {
     if (buffer.tileCount == 0) return true;  // no chunk, no output
     if (buffer.tileWidth != 4 || buffer.tileHeight != 4) {
-        diagnosticPrint("%s Compressor: only tile size 4x4 is supported.\n", plan->entryName);
+        diagnosticPrint("%s Compressor: only tile size 4x4 is supported.\n", entryName);
         return false;
     }
     const GpuSession* session = currentGpuSession();
     if (!session) return false;
     if (auto* u8 = dynamic_cast<const glyptora::U8TileBuffer*>(&buffer))
-        return encodeChunks<uint8_t>(*session, *plan, *u8, output, outputInDeviceMemory, timing);
+        return encodeChunks<uint8_t>(*session, plan, *u8, output, outputInDeviceMemory, timing);
     if (auto* s8 = dynamic_cast<const glyptora::S8TileBuffer*>(&buffer))
-        return encodeChunks<int8_t>(*session, *plan, *s8, output, outputInDeviceMemory, timing);
+        return encodeChunks<int8_t>(*session, plan, *s8, output, outputInDeviceMemory, timing);
     if (auto* f32 = dynamic_cast<const glyptora::F32TileBuffer*>(&buffer))
-        return encodeChunks<float>(*session, *plan, *f32, output, outputInDeviceMemory, timing);
+        return encodeChunks<float>(*session, plan, *f32, output, outputInDeviceMemory, timing);
     return false;
 }
 

@@ -27,7 +27,17 @@ extern "C" {
  * "srgb_8_8_8_8" or "float_32_32_32_32"; `options` holds a quality ("fastest", "normal",
  * "production", "highest" or 0-3) and optionally "perceptual". `dimension` 2 makes depth a
  * volume depth that shrinks per level; any other value makes it a layer count.
- * Returns 1 on success, 0 on failure (nothing is written then). */
+ *
+ * Sizes, per level m from 0 to mipCount - 1 (a mipCount of 0 or above 2^31 - 1 gives
+ * none): w = max(width >> m, 1), h = max(height >> m, 1), d = depth, or max(depth >> m, 1)
+ * when dimension is 2. The source holds w*h*d pixels of 4 bytes (16 for float) per level;
+ * the destination ceil(w/bw)*ceil(h/bh)*d blocks of 8 bytes (BC1, BC4) or 16 (others), for
+ * a bw x bh block. Example: 13x7, 3 levels, unorm_bc1: levels 13x7, 6x3, 3x1; source
+ * (91+18+3)*4 = 448 bytes, destination (8+2+1)*8 = 88 bytes.
+ *
+ * Returns 1 on success, 0 on failure (nothing is written then; one line on standard error
+ * says why, e.g. a request of more than 2^31 - 1 blocks, memory that cannot be allocated
+ * or a format whose encoder is not built). No exception leaves the call. */
 GLYPTORA_API uint32_t GlyptoraConvert(void* destination, const void* source, const wchar_t* destinationFormat,
                                       const wchar_t* sourceFormat, const wchar_t* options, uint32_t flags,
                                       uint32_t dimension, uint32_t width, uint32_t height, uint32_t depth,

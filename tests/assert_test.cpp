@@ -1,3 +1,4 @@
+// The assertion machinery: the report text, user and default handlers, and StringBuilder.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -18,15 +19,14 @@ std::string report(const char* exp, const char* file, int line, const char* func
     return out.str();
 }
 
+// Installed while it lives: records the last failed check and lets the code go on.
 class RecordingHandler : public AssertHandler {
 public:
+    RecordingHandler() : previous_(setAssertHandler(this)) {}
+    ~RecordingHandler() override { setAssertHandler(previous_); }
     int assertion(const char* exp, const char* file, int line, const char* func, const char* msg,
                   va_list args) override {
-        ++calls;
-        expression = exp;
-        this->file = file;
-        this->line = line;
-        function = func ? func : "";
+        ++calls, expression = exp, this->file = file, this->line = line, function = func ? func : "";
         if (msg) {
             StringBuilder text;
             text.appendList(msg, args);
@@ -34,9 +34,11 @@ public:
         }
         return 2;
     }
-    int calls = 0;
+    int calls = 0, line = 0;
     std::string expression, file, function, message;
-    int line = 0;
+
+private:
+    AssertHandler* previous_;
 };
 
 }  // namespace
@@ -53,11 +55,9 @@ TEST(AssertionReport, ThreeShapes) {
 
 TEST(AssertHandler, UserHandlerReceivesTheCall) {
     RecordingHandler handler;
-    AssertHandler* previous = setAssertHandler(&handler);
     const int expectedLine = __LINE__ + 1;
     GLYPTORA_ASSERT_MSG(1 + 1 == 3, "sum was %d", 2);
     GLYPTORA_ASSERT(2 + 2 == 4);  // holds: no call
-    setAssertHandler(previous);
     EXPECT_EQ(handler.calls, 1);
     EXPECT_EQ(handler.expression, "1 + 1 == 3");
     EXPECT_EQ(handler.file, "assert_test");
@@ -79,7 +79,7 @@ TEST(AssertHandler, DefaultHandlerPrintsReportAndTraceAndContinues) {
     EXPECT_NE(out.find("\nDumping stacktrace:\n"), std::string::npos);
 }
 
-TEST(StringBuilder, GrowsBeyondItsHintAndAppendsCountedText) {
+TEST(StringBuilder, GrowsBeyondItsHintAppendsCountedTextAndAssertsOnZeroHint) {
     StringBuilder text(4);
     text.append("%s-%d", "abcdefgh", 12345);
     text.append("xyz!", 3);
@@ -87,14 +87,10 @@ TEST(StringBuilder, GrowsBeyondItsHintAndAppendsCountedText) {
     EXPECT_GE(text.capacity(), text.length() + 1);
     text.format("%c", 'q');
     EXPECT_EQ(std::string(text.str()), "q");
-}
 
-TEST(StringBuilder, ZeroSizeHintIsAnAssertion) {
     RecordingHandler handler;
-    AssertHandler* previous = setAssertHandler(&handler);
-    StringBuilder text(0);
-    text.append("ok");
-    setAssertHandler(previous);
+    StringBuilder zero(0);
+    zero.append("ok");
     EXPECT_EQ(handler.expression, "size_hint != 0");
-    EXPECT_EQ(std::string(text.str()), "ok");
+    EXPECT_EQ(std::string(zero.str()), "ok");
 }

@@ -17,7 +17,6 @@
 #include "bc7/bc7_decoder.h"
 #include "bc7/bc7_fast.h"
 #include "bc7/bc7_tables.h"
-#include "core/cpu_encoders.h"
 #include "core/cpu_views.h"
 
 using namespace glyptora_bc7;

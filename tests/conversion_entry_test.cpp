@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <vector>
 
+#include "core/image_record.h"
 #include "frontend/source_fixups.h"
 #include "glyptora.h"
 
@@ -45,6 +50,66 @@ TEST(GlyptoraConvert, RefusesNullsUnknownFormatsAndTheServerFlag) {
     for (uint8_t b : dst) EXPECT_EQ(b, 0xCD);  // nothing written on failure
     // An empty options string is accepted.
     EXPECT_EQ(convert(dst.data(), src.data(), L"unorm_bc1", L"unorm_8_8_8_8", L"", 0, 4, 4), 1u);
+}
+
+// A request whose tile count or buffers cannot exist fails with one line, writes nothing
+// and never throws or overflows a buffer.
+TEST(GlyptoraConvert, ImpossibleSizesFailWithOneLine) {
+    auto src = gradient(4, 4);
+    std::vector<uint8_t> dst(64, 0xCD);
+    const struct {
+        uint32_t w, h, depth, levels;
+    } cases[] = {
+        {262144, 262144, 1, 1},      // 2^32 blocks: a 32-bit count wraps to 0
+        {12, 4, 1431655766u, 1},     // 3 blocks a layer: wraps to 2
+        {0x80000000u, 4, 1, 1},      // wider than a signed 32-bit extent
+        {65536, 65536, 1, 0x7FFFFFFFu},  // 1x1 levels beyond the chain push the count past 2^31 - 1
+    };
+    for (const auto& c : cases) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(GlyptoraConvert(dst.data(), src.data(), L"unorm_bc1", L"unorm_8_8_8_8", L"fastest", 0, 0, c.w, c.h,
+                                  c.depth, c.levels),
+                  0u)
+            << c.w << "x" << c.h << "x" << c.depth;
+        const std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_NE(err.find("too large"), std::string::npos) << err;
+        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    }
+    for (uint8_t b : dst) ASSERT_EQ(b, 0xCD);
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+// 65536x65536 with 17 levels needs about 23 GB for the one-bit-alpha copy and as much for the
+// tiles: with the address space capped, the allocation fails and the call returns 0 instead of ending the process.
+int convertHugeWithCappedAddressSpace(const void* src) {
+    const rlim_t cap = rlim_t(4) << 30;
+    const rlimit limit{cap, cap};
+    setrlimit(RLIMIT_AS, &limit);
+    std::vector<uint8_t> dst(64);
+    return int(GlyptoraConvert(dst.data(), src, L"unorm_bc1", L"unorm_8_8_8_8", L"fastest", 0, 0, 65536, 65536, 1, 17));
+}
+
+TEST(GlyptoraConvertDeathTest, OutOfMemoryReturnsZero) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto src = gradient(4, 4);
+    EXPECT_EXIT(std::exit(convertHugeWithCappedAddressSpace(src.data())), testing::ExitedWithCode(0),
+                "Glyptora: out of memory");
+}
+#endif
+
+// Formats whose encoders are not built yet fail, name the format and write nothing.
+TEST(GlyptoraConvert, FormatsWithoutEncoderFailAndSaySo) {
+    auto src = gradient(4, 4);
+    for (const wchar_t* format : {L"ufloat_bc6", L"float_bc6", L"unorm_astc_6x6", L"srgb_astc_12x12"}) {
+        std::vector<uint8_t> dst(16, 0xCD);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(convert(dst.data(), src.data(), format, L"unorm_8_8_8_8", L"", 0, 4, 4), 0u);
+        const std::string err = testing::internal::GetCapturedStderr();
+        char name[32];
+        std::snprintf(name, sizeof name, "\"%ls\"", format);
+        EXPECT_NE(err.find(std::string("no encoder for ") + name), std::string::npos) << err;
+        EXPECT_EQ(dst, std::vector<uint8_t>(16, 0xCD));
+    }
 }
 
 TEST(GlyptoraConvert, GpuRequestWithoutGpuFailsUnlessFallbackIsAllowed) {
@@ -102,27 +167,28 @@ TEST(GlyptoraConvert, MipChainsAndLayersWriteEveryBlockInLevelOrder) {
 TEST(SourceFixups, AlphaScanAndLuminanceAlpha) {
     using namespace glyptora_internal;
     std::vector<uint8_t> opaque(4 * 5, 255);
-    EXPECT_FALSE(levelHasAlpha(opaque.data(), 5, 0));
+    using glyptora::kValueF32, glyptora::kValueS8, glyptora::kValueU8;
+    EXPECT_FALSE(levelHasAlpha(opaque.data(), 5, kValueU8));
     opaque[4 * 3 + 3] = 254;
-    EXPECT_TRUE(levelHasAlpha(opaque.data(), 5, 0));
-    EXPECT_TRUE(levelHasAlpha(opaque.data(), 5, 1));  // signed bytes use the same byte test
+    EXPECT_TRUE(levelHasAlpha(opaque.data(), 5, kValueU8));
+    EXPECT_TRUE(levelHasAlpha(opaque.data(), 5, kValueS8));  // signed bytes use the same byte test
 
     const float nan = std::numeric_limits<float>::quiet_NaN();
     float f[8] = {0, 0, 0, 1.0f, 0, 0, 0, 1.0f};
-    EXPECT_FALSE(levelHasAlpha(reinterpret_cast<uint8_t*>(f), 2, 2));
+    EXPECT_FALSE(levelHasAlpha(reinterpret_cast<uint8_t*>(f), 2, kValueF32));
     f[7] = nan;
-    EXPECT_TRUE(levelHasAlpha(reinterpret_cast<uint8_t*>(f), 2, 2));
+    EXPECT_TRUE(levelHasAlpha(reinterpret_cast<uint8_t*>(f), 2, kValueF32));
 
     float oneBit[8] = {0, 0, 0, 0.5f, 0, 0, 0, 0.49f};
-    forceOneBitAlpha(reinterpret_cast<uint8_t*>(oneBit), 2, 2);
+    forceOneBitAlpha(reinterpret_cast<uint8_t*>(oneBit), 2, kValueF32);
     EXPECT_EQ(oneBit[3], 1.0f);
     EXPECT_EQ(oneBit[7], 0.0f);
     oneBit[3] = nan;
-    forceOneBitAlpha(reinterpret_cast<uint8_t*>(oneBit), 1, 2);
+    forceOneBitAlpha(reinterpret_cast<uint8_t*>(oneBit), 1, kValueF32);
     EXPECT_EQ(oneBit[3], 0.0f);
 
     uint8_t la[8] = {10, 20, 30, 40, 1, 2, 3, 4};
-    expandLuminanceAlpha(la, 2, 0);
+    expandLuminanceAlpha(la, 2, kValueU8);
     const uint8_t expected[8] = {10, 10, 10, 20, 1, 1, 1, 2};
     EXPECT_EQ(std::memcmp(la, expected, 8), 0);
 }

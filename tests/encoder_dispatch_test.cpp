@@ -4,7 +4,8 @@
 #include <vector>
 
 #include "core/cpu_input_buffer.h"
-#include "core/encoder_dispatch.h"
+#include "dispatch/encoder_entries.h"
+#include "gpu/gpu_work_split.h"
 #include "core/timing_context.h"
 
 using namespace glyptora;

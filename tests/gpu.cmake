@@ -1,40 +1,42 @@
-# GPU host tests: a scripted stand-in for the CUDA driver library, built several times with
-# one entry point left out each, so that the driver checks can be exercised without a GPU.
+# GPU host tests run against a stand-in for the CUDA driver library (support_fake_cuda): device
+# memory is host memory, and every kernel launch runs the kernel's own per-thread function
+# (gpu/gpu_kernel_bodies.h) on the CPU. Three more stand-ins are drivers too old to be used.
 set(fake_cuda_dir ${CMAKE_CURRENT_BINARY_DIR}/fake_cuda)
-set(fake_cuda_variants "" cuStreamCreate cuModuleLoadDataEx cuDriverGetVersion)
-foreach(missing IN LISTS fake_cuda_variants)
-  if(missing)
-    set(target glyptora_fake_cuda_without_${missing})
-  else()
-    set(target glyptora_fake_cuda)
-  endif()
-  add_library(${target} SHARED ${CMAKE_CURRENT_SOURCE_DIR}/support_fake_cuda/fake_cuda.c)
-  set_target_properties(${target} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${fake_cuda_dir} C_VISIBILITY_PRESET hidden)
-  target_link_libraries(${target} PRIVATE Threads::Threads)
-  if(missing)
-    target_compile_definitions(${target} PRIVATE FAKE_CUDA_WITHOUT_${missing})
-  endif()
+add_library(glyptora_fake_cuda SHARED ${CMAKE_CURRENT_SOURCE_DIR}/support_fake_cuda/fake_cuda.cpp)
+target_include_directories(glyptora_fake_cuda PRIVATE ${CMAKE_SOURCE_DIR})
+# The kernels' arithmetic as nvcc compiles it: the scalar vector backend (device code has no
+# SSE) and the colour fit inline, not forwarded to the library's SSE entry points.
+set(kernel_arithmetic GLYPTORA_SIMD_SCALAR=1 GLYPTORA_COLOUR_BLOCK_INLINE=1)
+target_compile_definitions(glyptora_fake_cuda PRIVATE ${kernel_arithmetic})
+set_target_properties(glyptora_fake_cuda PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${fake_cuda_dir}
+                      CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+
+set(old_cuda_drivers)
+foreach(entry_points 0 1 2)
+  add_library(glyptora_old_cuda_${entry_points} SHARED ${CMAKE_CURRENT_SOURCE_DIR}/support_fake_cuda/old_driver.c)
+  set_target_properties(glyptora_old_cuda_${entry_points} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${fake_cuda_dir}
+                        C_VISIBILITY_PRESET hidden)
+  target_compile_definitions(glyptora_old_cuda_${entry_points} PRIVATE FAKE_CUDA_ENTRY_POINTS=${entry_points})
+  list(APPEND old_cuda_drivers glyptora_old_cuda_${entry_points})
 endforeach()
 
 foreach(test gpu_driver_test gpu_encode_host_test)
   if(TARGET ${test})
     target_link_libraries(${test} PRIVATE glyptora_fake_cuda)
     target_include_directories(${test} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support_fake_cuda)
-    add_dependencies(${test} glyptora_fake_cuda glyptora_fake_cuda_without_cuStreamCreate
-                     glyptora_fake_cuda_without_cuModuleLoadDataEx glyptora_fake_cuda_without_cuDriverGetVersion)
+    add_dependencies(${test} ${old_cuda_drivers})
     target_compile_definitions(${test} PRIVATE
       GLYPTORA_FAKE_CUDA="$<TARGET_FILE:glyptora_fake_cuda>"
-      GLYPTORA_FAKE_CUDA_WITHOUT_STREAM="$<TARGET_FILE:glyptora_fake_cuda_without_cuStreamCreate>"
-      GLYPTORA_FAKE_CUDA_WITHOUT_LOADEX="$<TARGET_FILE:glyptora_fake_cuda_without_cuModuleLoadDataEx>"
-      GLYPTORA_FAKE_CUDA_WITHOUT_VERSION="$<TARGET_FILE:glyptora_fake_cuda_without_cuDriverGetVersion>")
+      GLYPTORA_CUDA_BEFORE_2_0="$<TARGET_FILE:glyptora_old_cuda_0>"
+      GLYPTORA_CUDA_BEFORE_2_1="$<TARGET_FILE:glyptora_old_cuda_1>"
+      GLYPTORA_CUDA_BEFORE_2_2="$<TARGET_FILE:glyptora_old_cuda_2>")
   endif()
 endforeach()
 
-# The kernels compile the scalar vector backend (device code has no SSE); the tests that run or
-# check the kernels' arithmetic on the host use it as well.
+# The tests compute the blocks the kernels must write with the kernels' arithmetic too.
 foreach(test gpu_encode_host_test gpu_device_test)
   if(TARGET ${test})
-    target_compile_definitions(${test} PRIVATE GLYPTORA_SIMD_SCALAR=1)
+    target_compile_definitions(${test} PRIVATE ${kernel_arithmetic})
   endif()
 endforeach()
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "dispatch/format_table.h"
 #include "gpu/gpu_encoders.h"
 #include "gpu/gpu_kernel_names.h"
 #include "gpu/kernel_image.h"
@@ -44,10 +45,14 @@ TEST(GpuEmbedding, CoreCarriesTheFatBinaryOfTheKernels) {
     EXPECT_EQ(magic, 0xBA55ED50u);  // CUDA fat binary
     const std::vector<char> bytes(static_cast<const char*>(image.data),
                                   static_cast<const char*>(image.data) + image.size);
-    for (const char* name : {kernel_names::kCompressDXT1a, kernel_names::kCompressDXT3,
-                             kernel_names::kCompressDXT5Alpha, kernel_names::kCompressDXT5Color,
-                             kernel_names::kCompressBC4, kernel_names::kCompressBC4S, kernel_names::kCompressBC5,
-                             kernel_names::kCompressBC5S})
+    // Every kernel a GPU plan of the format table launches, and the element conversions.
+    std::vector<const char*> names = {kernel_names::kF32ToU8, kernel_names::kS8ToU8, kernel_names::kF32ToS8,
+                                      kernel_names::kU8ToS8};
+    for (const FormatRow& row : allFormatRows())
+        if (const GpuPlan* plan = row.entry->gpu)
+            for (const char* name : {plan->channelKernel, plan->colourKernel})
+                if (name) names.push_back(name);
+    for (const char* name : names)
         EXPECT_TRUE(contains(bytes, name, std::strlen(name) + 1)) << name;
 }
 

@@ -52,34 +52,40 @@ TEST(FormatDecoding, EveryRowOfTheFormatTable) {
     for (const auto& c : cases) EXPECT_EQ(decodeFormatCode(c.name), c.code) << c.name;
 }
 
-TEST(FormatDecoding, BlockGeometry) {
-    EXPECT_EQ(formatInfo(2).bytesPerUnit, 8);
-    EXPECT_EQ(formatInfo(1).bytesPerUnit, 8);
-    EXPECT_EQ(formatInfo(6).bytesPerUnit, 8);
-    EXPECT_EQ(formatInfo(7).bytesPerUnit, 8);
-    EXPECT_EQ(formatInfo(3).bytesPerUnit, 16);
-    EXPECT_EQ(formatInfo(15).bytesPerUnit, 16);
-    EXPECT_EQ(formatInfo(0).blockWidth, 1);
-    EXPECT_EQ(formatInfo(0).bytesPerUnit, 4);
-    EXPECT_EQ(formatInfo(29).blockWidth, 12);
-    EXPECT_EQ(formatInfo(29).blockHeight, 10);
-    EXPECT_EQ(formatInfo(22).blockWidth, 8);
-    EXPECT_EQ(formatInfo(22).blockHeight, 5);
+TEST(FormatDecoding, TableRowsAndTheirGeometry) {
+    // Every row's word decodes to its own code, and words sharing a code share the row's geometry.
+    for (const FormatRow& row : allFormatRows()) {
+        const FormatRow* decoded = decodeDestination(row.word);
+        ASSERT_NE(decoded, nullptr) << row.word;
+        EXPECT_EQ(decoded->code, row.code) << row.word;
+        EXPECT_EQ(decoded->blockWidth, row.blockWidth);
+        EXPECT_EQ(decoded->blockBytes(), row.blockBytes());
+        EXPECT_EQ(findFormatRow(row.word), &row);
+    }
+    // 8-byte blocks: BC1 and BC4; the ASTC footprints are named by their rows.
+    for (const char* word : {"unorm_bc1", "srgb_bc1", "unorm_bc4", "snorm_bc4"})
+        EXPECT_EQ(findFormatRow(word)->blockBytes(), 8) << word;
+    EXPECT_EQ(findFormatRow("unorm_bc7")->blockBytes(), 16);
+    EXPECT_EQ(formatRowForCode(29)->blockWidth, 12);
+    EXPECT_EQ(formatRowForCode(29)->blockHeight, 10);
+    EXPECT_EQ(formatRowForCode(22)->blockWidth, 8);
+    EXPECT_EQ(formatRowForCode(22)->blockHeight, 5);
 }
 
 TEST(SizeRule, ExamplesAndLevelChains) {
-    EXPECT_EQ(levelChainSize(2, 0, 5, 3, 1, 1), 16u);
-    EXPECT_EQ(levelChainSize(30, 0, 5, 3, 1, 1), 16u);
-    EXPECT_EQ(levelChainSize(0, 0, 4, 4, 1, 1) * 4, 256u);  // float source: 16 bytes a pixel
-    EXPECT_EQ(levelChainSize(2, 0, 5, 3, 1, 0), 0u);
-    EXPECT_EQ(levelChainSize(2, 0, 5, 3, 1, 0xFFFFFFFFu), 0u);  // negative as a signed count
+    const BlockGeometry bc1 = geometryOf(*formatRowForCode(2)), bc7 = geometryOf(*formatRowForCode(15));
+    EXPECT_EQ(levelChainSize(bc1, 0, 5, 3, 1, 1), 16u);
+    EXPECT_EQ(levelChainSize(geometryOf(*formatRowForCode(30)), 0, 5, 3, 1, 1), 16u);
+    EXPECT_EQ(levelChainSize(kUncompressedGeometry, 0, 4, 4, 1, 1) * 4, 256u);  // float source: 16 bytes a pixel
+    EXPECT_EQ(levelChainSize(bc1, 0, 5, 3, 1, 0), 0u);
+    EXPECT_EQ(levelChainSize(bc1, 0, 5, 3, 1, 0xFFFFFFFFu), 0u);  // negative as a signed count
     // 16x16x8, three levels: array keeps 8 layers, volume halves the depth.
-    EXPECT_EQ(levelChainSize(15, 0, 16, 16, 8, 3), (16u + 4u + 1u) * 8u * 16u);
-    EXPECT_EQ(levelChainSize(15, 2, 16, 16, 8, 3), (16u * 8u + 4u * 4u + 1u * 2u) * 16u);
-    // Levels beyond the 1x1 level keep counting one block each.
-    EXPECT_EQ(levelChainSize(2, 0, 1, 1, 1, 5), 5u * 8u);
+    EXPECT_EQ(levelChainSize(bc7, 0, 16, 16, 8, 3), (16u + 4u + 1u) * 8u * 16u);
+    EXPECT_EQ(levelChainSize(bc7, 2, 16, 16, 8, 3), (16u * 8u + 4u * 4u + 1u * 2u) * 16u);
+    // Width 0 counts as 1 pixel; levels beyond the 1x1 level keep counting one block each.
+    EXPECT_EQ(levelChainSize(bc1, 0, 0, 0, 1, 5), 5u * 8u);
     // A chain larger than 4 GiB needs the 64-bit count.
-    EXPECT_EQ(levelChainSize(0, 0, 65536, 65536, 2, 1), 65536ull * 65536ull * 2ull * 4ull);
+    EXPECT_EQ(levelChainSize(kUncompressedGeometry, 0, 65536, 65536, 2, 1), 65536ull * 65536ull * 2ull * 4ull);
 }
 
 TEST(SourceFormat, AcceptedNamesAndValueTypes) {
@@ -89,11 +95,11 @@ TEST(SourceFormat, AcceptedNamesAndValueTypes) {
     EXPECT_TRUE(isAcceptedSourceFormat("float_32_32_32_32"));
     EXPECT_FALSE(isAcceptedSourceFormat("ufloat_32_32_32_32"));
     EXPECT_FALSE(isAcceptedSourceFormat("unorm_8_8_8_8 "));
-    EXPECT_EQ(decodeValueType("unorm_8_8_8_8"), 0);
-    EXPECT_EQ(decodeValueType("srgb_8_8_8_8"), 0);
-    EXPECT_EQ(decodeValueType("snorm_8_8_8_8"), 1);
-    EXPECT_EQ(decodeValueType("float_32_32_32_32"), 2);
-    EXPECT_EQ(decodeValueType("ufloat_16"), 2);
+    EXPECT_EQ(decodeValueType("unorm_8_8_8_8"), glyptora::kValueU8);
+    EXPECT_EQ(decodeValueType("srgb_8_8_8_8"), glyptora::kValueU8);
+    EXPECT_EQ(decodeValueType("snorm_8_8_8_8"), glyptora::kValueS8);
+    EXPECT_EQ(decodeValueType("float_32_32_32_32"), glyptora::kValueF32);
+    EXPECT_EQ(decodeValueType("ufloat_16"), glyptora::kValueF32);
 }
 
 TEST(QualityDecoding, WordsNumbersAndAstcOffset) {
@@ -121,18 +127,18 @@ TEST(QualityDecoding, WordsNumbersAndAstcOffset) {
 TEST(ChannelWeights, PerceptualOnlyForTheSixColourNames) {
     float w[4];
     for (const char* name : {"unorm_bc1", "unorm_bc2", "unorm_bc3", "srgb_bc1", "srgb_bc2", "srgb_bc3"}) {
-        decodeChannelWeights(name, "normal perceptual", decodeFormatCode(name), 0, w);
+        decodeChannelWeights(name, "normal perceptual", 0, w);
         EXPECT_FLOAT_EQ(w[0], 0.2126f) << name;
         EXPECT_FLOAT_EQ(w[1], 0.7152f);
         EXPECT_FLOAT_EQ(w[2], 0.0722f);
         EXPECT_FLOAT_EQ(w[3], 1.0f);
     }
     for (const char* name : {"snorm_bc1", "unorm_bc7", "unorm_bc4"}) {
-        decodeChannelWeights(name, "perceptual", decodeFormatCode(name), 0, w);
+        decodeChannelWeights(name, "perceptual", 0, w);
         EXPECT_FLOAT_EQ(w[0], 1.0f) << name;
         EXPECT_FLOAT_EQ(w[3], 1.0f);
     }
-    decodeChannelWeights("unorm_bc1", "normal", 2, 0, w);
+    decodeChannelWeights("unorm_bc1", "normal", 0, w);
     EXPECT_FLOAT_EQ(w[1], 1.0f);
 }
 
@@ -140,25 +146,25 @@ TEST(ChannelWeights, AstcAlphaWeightAndEnvironment) {
     float w[4];
     {
         ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", nullptr);
-        decodeChannelWeights("unorm_astc_6x6", "", 21, 0, w);
+        decodeChannelWeights("unorm_astc_6x6", "", 0, w);
         EXPECT_FLOAT_EQ(w[3], 2.0f);
         EXPECT_FLOAT_EQ(w[0], 1.0f);
-        decodeChannelWeights("unorm_astc_4x4", "", 17, 0, w);  // 4x4 is left out
+        decodeChannelWeights("unorm_astc_4x4", "", 0, w);  // 4x4 is left out
         EXPECT_FLOAT_EQ(w[3], 1.0f);
-        decodeChannelWeights("unorm_astc_12x12", "", 30, kFlagLuminanceAlpha, w);
+        decodeChannelWeights("unorm_astc_12x12", "", kFlagLuminanceAlpha, w);
         EXPECT_FLOAT_EQ(w[3], 1.0f);
-        decodeChannelWeights("unorm_astc_12x12", "perceptual", 30, 0, w);
+        decodeChannelWeights("unorm_astc_12x12", "perceptual", 0, w);
         EXPECT_FLOAT_EQ(w[0], 1.0f);
         EXPECT_FLOAT_EQ(w[3], 2.0f);
     }
     {
         ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", "3.5");
-        decodeChannelWeights("unorm_astc_5x4", "", 18, 0, w);
+        decodeChannelWeights("unorm_astc_5x4", "", 0, w);
         EXPECT_FLOAT_EQ(w[3], 3.5f);
     }
     for (const char* kept : {"-1", "0", "", "abc"}) {
         ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", kept);
-        decodeChannelWeights("unorm_astc_8x8", "", 24, 0, w);
+        decodeChannelWeights("unorm_astc_8x8", "", 0, w);
         EXPECT_FLOAT_EQ(w[3], 2.0f) << kept;
     }
 }

@@ -103,7 +103,7 @@ bool decodeLevel(const FormatDesc& format, const uint8_t* blocks, uint32_t width
     std::vector<uint8_t> texels(size_t(bw) * bh * 4);
     for (uint32_t by = 0; by < down; ++by)
         for (uint32_t bx = 0; bx < across; ++bx) {
-            decode(blocks + (size_t(by) * across + bx) * size_t(format.blockBytes), texels.data());
+            decode(blocks + (size_t(by) * across + bx) * size_t(format.blockBytes()), texels.data());
             const uint32_t rows = std::min(bh, height - by * bh), cols = std::min(bw, width - bx * bw);
             for (uint32_t y = 0; y < rows; ++y)
                 std::memcpy(&rgba[((size_t(by) * bh + y) * width + size_t(bx) * bw) * 4], &texels[size_t(y) * bw * 4],

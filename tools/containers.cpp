@@ -146,7 +146,7 @@ void writeDfd(Writer& w, const FormatDesc& f) {
     w.u8(uint8_t(f.blockHeight - 1));
     w.u8(0);
     w.u8(0);
-    w.u8(uint8_t(f.blockBytes));         // bytes of plane 0
+    w.u8(uint8_t(f.blockBytes()));         // bytes of plane 0
     w.zeros(7);
     for (const Sample& s : samples) {
         w.u16(uint16_t(s.bitOffset));
@@ -198,7 +198,7 @@ std::vector<uint8_t> writeKtx2(const EncodedTexture& t) {
     w.patch32(indexAt + 12, uint32_t(kvdLength));
     // No supercompression global data: offset and length stay 0.
 
-    const size_t alignment = size_t(f.blockBytes);  // lcm(block size, 4)
+    const size_t alignment = size_t(f.blockBytes());  // lcm(block size, 4)
     for (uint32_t m = t.levels; m-- > 0;) {
         w.padTo(alignment);
         const size_t at = w.size();
@@ -280,7 +280,7 @@ const char* containerName(Container c) {
 
 bool containerAccepts(Container c, const FormatDesc& f, std::string& reason) {
     if (c == Container::ASTC && f.family != BlockFamily::ASTC) {
-        reason = "the .astc container holds ASTC formats only (use .dds or .ktx2 for " + f.word + ")";
+        reason = "the .astc container holds ASTC formats only (use .dds or .ktx2 for " + std::string(f.word) + ")";
         return false;
     }
     if (c == Container::DDS && f.family == BlockFamily::ASTC) {

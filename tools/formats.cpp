@@ -1,5 +1,7 @@
 #include "tools/formats.h"
 
+#include "tools/block_decode.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -9,50 +11,6 @@ namespace glyptora_tools {
 const char* const kQualityWords[4] = {"fastest", "normal", "production", "highest"};
 
 namespace {
-
-constexpr const char* kNotYet = "its encoder is not part of this build yet";
-constexpr const char* kBC7SameEncoder =
-    "BC7 production and highest quality currently run the same fast encoder as normal";
-
-struct AstcFootprint {
-    int w, h;
-};
-constexpr AstcFootprint kAstcFootprints[14] = {{4, 4}, {5, 4}, {5, 5}, {6, 5},  {6, 6},   {8, 5},   {8, 6},
-                                               {8, 8}, {10, 5}, {10, 6}, {10, 8}, {10, 10}, {12, 10}, {12, 12}};
-
-std::vector<FormatDesc> buildTable() {
-    // The one table of what the tool offers. A format is available once both its encoder
-    // and the block decoder that --stats uses are in the library.
-    std::vector<FormatDesc> t = {
-        {"unorm_bc1", BlockFamily::BC1, 4, 4, 8, false, false, "DXT1", 71, 133, true, nullptr},
-        {"srgb_bc1", BlockFamily::BC1, 4, 4, 8, true, false, nullptr, 72, 134, true, nullptr},
-        {"unorm_bc2", BlockFamily::BC2, 4, 4, 16, false, false, "DXT3", 74, 135, true, nullptr},
-        {"srgb_bc2", BlockFamily::BC2, 4, 4, 16, true, false, nullptr, 75, 136, true, nullptr},
-        {"unorm_bc3", BlockFamily::BC3, 4, 4, 16, false, false, "DXT5", 77, 137, true, nullptr},
-        {"srgb_bc3", BlockFamily::BC3, 4, 4, 16, true, false, nullptr, 78, 138, true, nullptr},
-        {"unorm_bc4", BlockFamily::BC4, 4, 4, 8, false, false, "ATI1", 80, 139, true, nullptr},
-        {"snorm_bc4", BlockFamily::BC4, 4, 4, 8, false, true, nullptr, 81, 140, true, nullptr},
-        {"unorm_bc5", BlockFamily::BC5, 4, 4, 16, false, false, "ATI2", 83, 141, true, nullptr},
-        {"snorm_bc5", BlockFamily::BC5, 4, 4, 16, false, true, nullptr, 84, 142, true, nullptr},
-        {"ufloat_bc6", BlockFamily::BC6H, 4, 4, 16, false, false, nullptr, 95, 143, false, kNotYet},
-        {"float_bc6", BlockFamily::BC6H, 4, 4, 16, false, true, nullptr, 96, 144, false, kNotYet},
-        {"unorm_bc7", BlockFamily::BC7, 4, 4, 16, false, false, nullptr, 98, 145, true, nullptr},
-        {"srgb_bc7", BlockFamily::BC7, 4, 4, 16, true, false, nullptr, 99, 146, true, nullptr},
-    };
-    // ASTC words; DDS has no commonly read code for them, so they go to .ktx2 or .astc.
-    for (int i = 0; i < 14; ++i) {
-        const AstcFootprint f = kAstcFootprints[i];
-        const std::string size = std::to_string(f.w) + "x" + std::to_string(f.h);
-        const uint32_t vk = 157u + 2u * uint32_t(i);
-        t.push_back({"unorm_astc_" + size, BlockFamily::ASTC, f.w, f.h, 16, false, false, nullptr, 0, vk, false,
-                     kNotYet});
-        t.push_back({"srgb_astc_" + size, BlockFamily::ASTC, f.w, f.h, 16, true, false, nullptr, 0, vk + 1, false,
-                     kNotYet});
-    }
-    for (FormatDesc& f : t)
-        if (f.family == BlockFamily::BC7 && f.available) f.note = kBC7SameEncoder;
-    return t;
-}
 
 std::string lower(std::string s) {
     std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return char(std::tolower(c)); });
@@ -93,9 +51,10 @@ std::string resolveAlias(const std::string& n) {
 
 }  // namespace
 
-const std::vector<FormatDesc>& allFormats() {
-    static const std::vector<FormatDesc> table = buildTable();
-    return table;
+const char* unavailableReason(const FormatDesc& format) {
+    if (!format.hasEncoder()) return "its encoder is not part of this build yet";
+    if (!canDecode(format)) return "the library has no block decoder for it yet";
+    return nullptr;
 }
 
 const FormatDesc* findFormat(const std::string& name) {
@@ -115,7 +74,7 @@ int parseQuality(const std::string& text) {
 
 uint64_t levelBytes(const FormatDesc& format, uint32_t width, uint32_t height) {
     return uint64_t(blocksAcross(width, format.blockWidth)) * blocksAcross(height, format.blockHeight) *
-           uint64_t(format.blockBytes);
+           uint64_t(format.blockBytes());
 }
 
 uint32_t fullLevelCount(uint32_t width, uint32_t height) {

@@ -1,31 +1,25 @@
 #pragma once
-// The destination formats the command-line tool knows: the library's format words, short
-// aliases, container codes (DXGI, FourCC, VkFormat) and whether the tool offers the format yet.
+// The destination formats as the command-line tool names them: the library's format words
+// and short aliases, and quality words.
 #include <cstdint>
 #include <string>
+#include <span>
 #include <vector>
+
+#include "dispatch/format_table.h"
 
 namespace glyptora_tools {
 
-enum class BlockFamily { BC1, BC2, BC3, BC4, BC5, BC6H, BC7, ASTC };
+// The library's format table is the tool's list of formats.
+using FormatDesc = glyptora_internal::FormatRow;
+using BlockFamily = glyptora_internal::FormatFamily;
 
-struct FormatDesc {
-    std::string word;       // library destination word, e.g. "unorm_bc1", "srgb_astc_6x6"
-    BlockFamily family;
-    int blockWidth;
-    int blockHeight;
-    int blockBytes;         // 8 or 16
-    bool isSrgb;            // word starts with "srgb_"
-    bool isSigned;          // snorm_bc4, snorm_bc5, float_bc6
-    const char* fourCC;     // legacy DDS FourCC, or nullptr when a DX10 header is needed
-    uint32_t dxgiFormat;    // DX10 header code (0: no DDS mapping)
-    uint32_t vkFormat;      // KTX2 code
-    bool available;         // the tool offers it (encoder and block decoder present)
-    const char* note;       // why it is refused, or a remark printed for some qualities
-};
+// Why the tool refuses a format (no encoder, or no block decoder for --stats), or null
+// when it offers it.
+const char* unavailableReason(const FormatDesc& format);
 
-// Every format of the library, in a fixed order.
-const std::vector<FormatDesc>& allFormats();
+// Every format of the library, in table order.
+inline std::span<const FormatDesc> allFormats() { return glyptora_internal::allFormatRows(); }
 
 // Looks up a library word or an alias ("bc1", "bc7_srgb", "bc6h", "astc6x6", ...), case-insensitively.
 // Returns nullptr when the name is unknown.

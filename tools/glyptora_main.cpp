@@ -164,9 +164,9 @@ bool convertOne(const Settings& s, const std::string& input, const std::string& 
     texture.height = chain.height;
     texture.levels = levels;
     layoutLevels(texture);
-    const int32_t code = glyptora_internal::decodeFormatCode(format.word.c_str());
-    if (glyptora_internal::levelChainSize(code, 0, chain.width, chain.height, 1, levels) != texture.blocks.size()) {
-        fail(input, "internal error: the library sizes " + format.word + " differently");
+    if (glyptora_internal::levelChainSize(glyptora_internal::geometryOf(format), 0, chain.width, chain.height, 1,
+                                          levels) != texture.blocks.size()) {
+        fail(input, "internal error: the library sizes " + std::string(format.word) + " differently");
         return false;
     }
 
@@ -178,15 +178,19 @@ bool convertOne(const Settings& s, const std::string& input, const std::string& 
     if (s.gpu || s.gpuFallback) flags |= GLYPTORA_FLAG_GPU;
     if (s.gpuFallback) flags |= GLYPTORA_FLAG_GPU_FALLBACK;
 
+    // Refused before the library is asked, so that the user reads one line, the tool's.
+    const char* autoFallback = std::getenv("HALVORAN_GLYPTORA_GPU_ENCODING_AUTO");
+    if (s.gpu && !s.gpuFallback && !gpuAvailable && !(autoFallback && std::string(autoFallback) == "1")) {
+        fail(input, "no usable CUDA GPU for --gpu (add --gpu-fallback to encode on the CPU)");
+        return false;
+    }
+
     const auto encodeStart = std::chrono::steady_clock::now();
     const uint32_t ok = GlyptoraConvert(texture.blocks.data(), chain.bytes.data(), destination.c_str(), source.c_str(),
                                         options.c_str(), flags, 0, chain.width, chain.height, 1, levels);
     const double encodeMs = millisecondsSince(encodeStart);
     if (!ok) {
-        if ((flags & GLYPTORA_FLAG_GPU) && !gpuAvailable && !s.gpuFallback)
-            fail(input, "no usable CUDA GPU for --gpu (add --gpu-fallback to encode on the CPU)");
-        else
-            fail(input, "the library could not convert the image to " + format.word);
+        fail(input, "the library could not convert the image to " + std::string(format.word));
         return false;
     }
 
@@ -199,7 +203,7 @@ bool convertOne(const Settings& s, const std::string& input, const std::string& 
 
     const bool onGpu = (flags & GLYPTORA_FLAG_GPU) && gpuAvailable;
     std::printf("%s -> %s: %ux%u %s, %s, quality %s, %u level%s, %s, %s, encode %.1f ms, total %.1f ms\n",
-                input.c_str(), output.c_str(), chain.width, chain.height, kind, format.word.c_str(),
+                input.c_str(), output.c_str(), chain.width, chain.height, kind, format.word,
                 kQualityWords[s.quality], levels, levels == 1 ? "" : "s", formatBytes(file.size()).c_str(),
                 onGpu ? "gpu" : "cpu", encodeMs, totalMs);
 
@@ -207,7 +211,7 @@ bool convertOne(const Settings& s, const std::string& input, const std::string& 
         std::vector<uint8_t> decoded;
         if (!decodeLevel(format, texture.blocks.data() + texture.levelOffsets[0], chain.width, chain.height,
                          decoded)) {
-            std::printf("  stats: no block decoder for %s\n", format.word.c_str());
+            std::printf("  stats: no block decoder for %s\n", format.word);
         } else {
             const std::vector<uint8_t> reference = encoderReference(chain, 0, format);
             const size_t pixels = size_t(chain.width) * chain.height;
@@ -254,10 +258,10 @@ int listFormats() {
     std::printf("%-18s %-10s %-7s %s\n", "format", "block", "bytes", "state");
     for (const FormatDesc& f : allFormats()) {
         const std::string block = std::to_string(f.blockWidth) + "x" + std::to_string(f.blockHeight);
-        std::string state = f.available && canDecode(f) ? "available" : "not available";
-        if (f.note) state += std::string(" (") + f.note + ")";
-        else if (f.available && !canDecode(f)) state += " (the library has no block decoder for it yet)";
-        std::printf("%-18s %-10s %-7d %s\n", f.word.c_str(), block.c_str(), f.blockBytes, state.c_str());
+        const char* why = unavailableReason(f);
+        std::string state = why ? std::string("not available (") + why + ")" : "available";
+        if (!why && f.note) state += std::string(" (") + f.note + ")";
+        std::printf("%-18s %-10s %-7d %s\n", f.word, block.c_str(), f.blockBytes(), state.c_str());
     }
     std::printf("aliases: bc1 bc1_srgb bc2 bc2_srgb bc3 bc3_srgb bc4 bc4s bc5 bc5s bc6h bc6hs bc7 bc7_srgb "
                 "astcWxH astcWxH_srgb (e.g. astc6x6)\n");
@@ -313,10 +317,8 @@ int runConvert(int argc, char** argv) {
     if (formatName.empty()) return usageError("no format given: add -f FORMAT (see 'glyptora formats')");
     s.format = findFormat(formatName);
     if (!s.format) return usageError("unknown format '" + formatName + "' (see 'glyptora formats')");
-    if (!s.format->available || !canDecode(*s.format)) {
-        const char* why = s.format->available ? "the library has no block decoder for it yet" : s.format->note;
+    if (const char* why = unavailableReason(*s.format))
         return usageError("format '" + formatName + "' (" + s.format->word + ") is not available: " + why);
-    }
     if (!quality.empty()) {
         s.quality = parseQuality(quality);
         if (s.quality < 0)
@@ -349,7 +351,7 @@ int runConvert(int argc, char** argv) {
     if (s.format->note && s.quality >= 2) std::printf("note: %s\n", s.format->note);
     if (s.perceptual && s.format->family != BlockFamily::BC1 && s.format->family != BlockFamily::BC2 &&
         s.format->family != BlockFamily::BC3)
-        std::printf("note: --perceptual changes BC1, BC2 and BC3 only; %s ignores it\n", s.format->word.c_str());
+        std::printf("note: --perceptual changes BC1, BC2 and BC3 only; %s ignores it\n", s.format->word);
     bool gpuAvailable = false;
     if (s.gpu || s.gpuFallback) {
         gpuAvailable = GlyptoraIsGpuEncodingAvailable() != 0;

@@ -1,70 +1,55 @@
-/* A stand-in for the NVIDIA CUDA driver library, loaded by the GPU host code in tests.
- * Devices, versions and failures are scripted; device memory is host memory; kernel
- * launches call a hook that the test supplies (which can emulate the kernel on the CPU).
- * Built several times with FAKE_CUDA_WITHOUT_<name> to leave out one entry point. */
-#ifndef GLYPTORA_FAKE_CUDA_H
-#define GLYPTORA_FAKE_CUDA_H
+#pragma once
+// A stand-in for the NVIDIA CUDA driver library, loaded by the GPU host code in tests.
+// Devices, versions and failures are scripted; device memory is host memory. A kernel
+// launch checks its shape and arguments as the kernels expect them (64 threads a CUDA block
+// and one thread a tile for block kernels, 128 threads and one thread a value for
+// conversions, views and outputs in live device memory), then runs the kernel's own
+// per-thread function (gpu/gpu_kernel_bodies.h) for every thread of the grid on the CPU.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
 
-#include <stddef.h>
+#define FAKE_CUDA_API extern "C" __attribute__((visibility("default")))
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+constexpr int kFakeCudaMaxDevices = 8;
 
-#define FAKE_CUDA_MAX_DEVICES 8
-
-typedef struct FakeCudaDevice {
-    int clockRate;
-    int multiProcessorCount;
-    int major;
-    int minor;
+struct FakeCudaDevice {
+    int clockRate, multiProcessorCount, major, minor;
     unsigned long long totalMem;
-} FakeCudaDevice;
+};
 
-typedef struct FakeCudaConfig {
-    int driverVersion;
-    int driverVersionResult; /* non-zero: cuDriverGetVersion fails with it */
-    int initResult;
-    int deviceCountResult;
-    int deviceCount;
-    FakeCudaDevice devices[FAKE_CUDA_MAX_DEVICES];
-    int moduleLoadResult;
-    int launchResult;
-    int synchronizeResult;
-    const char* missingKernel; /* cuModuleGetFunction fails for this name */
-} FakeCudaConfig;
+// Results other than 0 make the entry point fail with them.
+struct FakeCudaConfig {
+    int driverVersion, driverVersionResult, initResult;
+    int deviceCount, deviceCountResult;
+    FakeCudaDevice devices[kFakeCudaMaxDevices];
+    int moduleLoadResult, launchResult, synchronizeResult;
+    const char* missingKernel;  // cuModuleGetFunction fails for this name
+};
 
-typedef struct FakeCudaCounters {
-    int driverVersionCalls;
-    int initCalls;
-    int retainCalls;
-    int releaseCalls;
+struct FakeCudaCounters {
+    int driverVersionCalls, initCalls, retainCalls, releaseCalls, moduleLoads, moduleUnloads;
     int retainedDevice;
-    int moduleLoads;
-    int moduleUnloads;
-    size_t loadedImageFirstWord; /* first 4 bytes of the last module image */
-    long allocations;
-    long liveAllocations;
-    long launches;
-    long synchronizes;
-    long copiesToDevice;
-    long copiesToHost;
-    long badAccesses; /* copies outside any live allocation, or without a current context */
-} FakeCudaCounters;
+    uint32_t loadedImageFirstWord;  // first 4 bytes of the last module image
+    long allocations, liveAllocations, launches, copiesToHost;
+    long badAccesses;  // copies outside any live allocation, or without a current context
+    long badLaunches;  // launches of an unknown kernel, or of a wrong shape or arguments
+};
 
-typedef void (*FakeCudaLaunchHook)(void* user, const char* kernelName, unsigned gridX, unsigned blockX,
-                                   unsigned sharedMemBytes, void** parameters);
+// One kernel launch as the driver carried it out.
+struct FakeCudaLaunch {
+    std::string kernel;
+    uint32_t tiles;  // the view's tile count (for conversions: of the source)
+};
 
-/* A working driver of the given version with one device, no hook, zeroed counters. */
-void fake_cuda_reset(int driverVersion);
-FakeCudaConfig* fake_cuda_config(void);
-FakeCudaCounters fake_cuda_counters(void);
-void fake_cuda_set_launch_hook(FakeCudaLaunchHook hook, void* user);
-/* Whether [address, address + bytes) lies inside one live allocation. */
-int fake_cuda_is_device_range(const void* address, size_t bytes);
+struct FakeCuda {
+    FakeCudaConfig config;
+    FakeCudaCounters counters;
+    std::vector<FakeCudaLaunch> launches;  // carried out since the last reset, in order
+};
 
-#ifdef __cplusplus
-}
-#endif
-
-#endif
+// The driver's state, to be read and changed while no call into the driver is under way.
+FAKE_CUDA_API FakeCuda& fake_cuda();
+// A working driver of the given version with one device, zeroed counters, no launches.
+FAKE_CUDA_API FakeCuda& fake_cuda_reset(int driverVersion);
