@@ -79,7 +79,7 @@ glyptora::ValueType decodeValueType(const char* s) {
     return glyptora::kValueU8;
 }
 
-int decodeQualityLevel(const char* destination, const char* options) {
+int decodeQualityLevel(const FormatRow& format, const char* options) {
     const char* const words[] = {"fastest", "normal", "production", "highest"};
     for (int level = 0; level < 4; ++level)
         if (startsWith(options, words[level])) return level;
@@ -92,14 +92,14 @@ int decodeQualityLevel(const char* destination, const char* options) {
         }
     }
     // ASTC counts its levels from one higher: no quality word means level 2.
-    if (startsWith(destination, "unorm_astc") || startsWith(destination, "srgb_astc")) n += 1;
+    if (format.family == FormatFamily::ASTC) n += 1;
     if (n < 0) return 1;
     return int(std::min<long long>(n, 3));
 }
 
-void decodeChannelWeights(const char* destination, const char* options, uint32_t flags, float weights[4]) {
+void decodeChannelWeights(const FormatRow& format, const FormatRow* named, const char* options, uint32_t flags,
+                          float weights[4]) {
     weights[0] = weights[1] = weights[2] = weights[3] = 1.0f;
-    const FormatRow* named = findFormatRow(destination);
     if (named && named->perceptual && std::strstr(options, "perceptual")) {
         weights[0] = 0.2126f;
         weights[1] = 0.7152f;
@@ -108,8 +108,7 @@ void decodeChannelWeights(const char* destination, const char* options, uint32_t
     }
     // ASTC footprints above 4x4 weigh alpha more; 4x4 is deliberately left out, and a
     // luminance-alpha source keeps its plain alpha.
-    const FormatRow* row = decodeDestination(destination);
-    if (row && row->family == FormatFamily::ASTC && row->blockWidth * row->blockHeight > 16 &&
+    if (format.family == FormatFamily::ASTC && format.blockWidth * format.blockHeight > 16 &&
         !(flags & kFlagLuminanceAlpha)) {
         weights[3] = 2.0f;
         const char* env = std::getenv("HALVORAN_GLYPTORA_ASTC_WEIGHT_A");
@@ -169,11 +168,11 @@ Status decodeConversionRequest(const char* destination, const char* source, cons
     const FormatRow* named = findFormatRow(destination);
     r.oneBitAlpha = named && named->oneBitAlpha;
     r.luminanceAlpha = r.format->family == FormatFamily::ASTC && (flags & kFlagLuminanceAlpha);
-    r.quality = decodeQualityLevel(destination, options);
+    r.quality = decodeQualityLevel(*r.format, options);
     r.modeArgument = modeArgumentFor(r.format->entry->quality, r.quality);
     // The GPU is asked for only in the modes that have a GPU path.
     r.useGpu = r.useGpu && (r.format->entry->quality == QualityFlag::Level || r.modeArgument == 0);
-    decodeChannelWeights(destination, options, flags, r.weights);
+    decodeChannelWeights(*r.format, named, options, flags, r.weights);
     r.valueType = decodeValueType(source);
     r.flags = flags;
     r.dimension = dimension;

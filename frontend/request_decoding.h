@@ -41,10 +41,13 @@ uint64_t levelChainSize(BlockGeometry geometry, uint32_t dimension, uint32_t wid
 bool isAcceptedSourceFormat(const char* source);
 glyptora::ValueType decodeValueType(const char* source);
 
-int decodeQualityLevel(const char* destination, const char* options);
+// Quality level 0-3 from the options, for a destination of `format`.
+int decodeQualityLevel(const FormatRow& format, const char* options);
 
-// Channel weights R, G, B, A.
-void decodeChannelWeights(const char* destination, const char* options, uint32_t flags, float weights[4]);
+// Channel weights R, G, B, A for a destination of `format`; `named` is the row whose word
+// the destination equals exactly (or null), which alone may take the perceptual weights.
+void decodeChannelWeights(const FormatRow& format, const FormatRow* named, const char* options, uint32_t flags,
+                          float weights[4]);
 
 // With the GPU requested and none usable: true (go on, on the CPU) when flag 64 or
 // HALVORAN_GLYPTORA_GPU_ENCODING_AUTO=1 allow it. `useGpu` tells where to encode.

@@ -29,6 +29,12 @@ private:
     std::string m_old;
 };
 
+const FormatRow& row(const char* destination) { return *decodeDestination(destination); }
+
+void weightsFor(const char* destination, const char* options, uint32_t flags, float weights[4]) {
+    decodeChannelWeights(row(destination), findFormatRow(destination), options, flags, weights);
+}
+
 }  // namespace
 
 TEST(FormatDecoding, EveryRowOfTheFormatTable) {
@@ -103,42 +109,42 @@ TEST(SourceFormat, AcceptedNamesAndValueTypes) {
 }
 
 TEST(QualityDecoding, WordsNumbersAndAstcOffset) {
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "fastest"), 0);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "normal"), 1);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "production"), 2);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "highest"), 3);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "highest perceptual"), 3);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "Highest"), 1);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", ""), 1);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "perceptual"), 1);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "0"), 0);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "2"), 2);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "7"), 3);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "99999999999999999999"), 3);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "-1"), 1);
-    EXPECT_EQ(decodeQualityLevel("unorm_bc7", "2fast"), 2);
-    EXPECT_EQ(decodeQualityLevel("unorm_astc_6x6", ""), 2);
-    EXPECT_EQ(decodeQualityLevel("unorm_astc_6x6", "0"), 1);
-    EXPECT_EQ(decodeQualityLevel("srgb_astc_6x6", "2"), 3);
-    EXPECT_EQ(decodeQualityLevel("unorm_astc_6x6", "fastest"), 0);
-    EXPECT_EQ(decodeQualityLevel("unorm_astc_6x6", "highest"), 3);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "fastest"), 0);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "normal"), 1);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "production"), 2);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "highest"), 3);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "highest perceptual"), 3);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "Highest"), 1);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), ""), 1);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "perceptual"), 1);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "0"), 0);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "2"), 2);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "7"), 3);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "99999999999999999999"), 3);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "-1"), 1);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "2fast"), 2);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), ""), 2);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), "0"), 1);
+    EXPECT_EQ(decodeQualityLevel(row("srgb_astc_6x6"), "2"), 3);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), "fastest"), 0);
+    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), "highest"), 3);
 }
 
 TEST(ChannelWeights, PerceptualOnlyForTheSixColourNames) {
     float w[4];
     for (const char* name : {"unorm_bc1", "unorm_bc2", "unorm_bc3", "srgb_bc1", "srgb_bc2", "srgb_bc3"}) {
-        decodeChannelWeights(name, "normal perceptual", 0, w);
+        weightsFor(name, "normal perceptual", 0, w);
         EXPECT_FLOAT_EQ(w[0], 0.2126f) << name;
         EXPECT_FLOAT_EQ(w[1], 0.7152f);
         EXPECT_FLOAT_EQ(w[2], 0.0722f);
         EXPECT_FLOAT_EQ(w[3], 1.0f);
     }
     for (const char* name : {"snorm_bc1", "unorm_bc7", "unorm_bc4"}) {
-        decodeChannelWeights(name, "perceptual", 0, w);
+        weightsFor(name, "perceptual", 0, w);
         EXPECT_FLOAT_EQ(w[0], 1.0f) << name;
         EXPECT_FLOAT_EQ(w[3], 1.0f);
     }
-    decodeChannelWeights("unorm_bc1", "normal", 0, w);
+    weightsFor("unorm_bc1", "normal", 0, w);
     EXPECT_FLOAT_EQ(w[1], 1.0f);
 }
 
@@ -146,25 +152,25 @@ TEST(ChannelWeights, AstcAlphaWeightAndEnvironment) {
     float w[4];
     {
         ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", nullptr);
-        decodeChannelWeights("unorm_astc_6x6", "", 0, w);
+        weightsFor("unorm_astc_6x6", "", 0, w);
         EXPECT_FLOAT_EQ(w[3], 2.0f);
         EXPECT_FLOAT_EQ(w[0], 1.0f);
-        decodeChannelWeights("unorm_astc_4x4", "", 0, w);  // 4x4 is left out
+        weightsFor("unorm_astc_4x4", "", 0, w);  // 4x4 is left out
         EXPECT_FLOAT_EQ(w[3], 1.0f);
-        decodeChannelWeights("unorm_astc_12x12", "", kFlagLuminanceAlpha, w);
+        weightsFor("unorm_astc_12x12", "", kFlagLuminanceAlpha, w);
         EXPECT_FLOAT_EQ(w[3], 1.0f);
-        decodeChannelWeights("unorm_astc_12x12", "perceptual", 0, w);
+        weightsFor("unorm_astc_12x12", "perceptual", 0, w);
         EXPECT_FLOAT_EQ(w[0], 1.0f);
         EXPECT_FLOAT_EQ(w[3], 2.0f);
     }
     {
         ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", "3.5");
-        decodeChannelWeights("unorm_astc_5x4", "", 0, w);
+        weightsFor("unorm_astc_5x4", "", 0, w);
         EXPECT_FLOAT_EQ(w[3], 3.5f);
     }
     for (const char* kept : {"-1", "0", "", "abc"}) {
         ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", kept);
-        decodeChannelWeights("unorm_astc_8x8", "", 0, w);
+        weightsFor("unorm_astc_8x8", "", 0, w);
         EXPECT_FLOAT_EQ(w[3], 2.0f) << kept;
     }
 }
