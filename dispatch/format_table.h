@@ -81,48 +81,46 @@ inline constexpr GpuPlan kGpuBC4S{"s_encode_bc4s_gpu()", "encode_bc4s_gpu()", 1,
 inline constexpr GpuPlan kGpuBC5{"s_encode_bc5_gpu()", "encode_bc5_gpu()", 1, 16, false, k::kCompressBC5, nullptr};
 inline constexpr GpuPlan kGpuBC5S{"s_encode_bc5s_gpu()", "encode_bc5s_gpu()", 1, 16, true, k::kCompressBC5S, nullptr};
 
-using M = EncoderMode;
-using V = CPUViewBase;
 using Q = QualityFlag;
+
+// The BC encoders take the fast flag alone.
+template <void (*Encode)(const CPUViewBase&, bool, uint8_t*)>
+void withFastFlag(const CPUViewBase& view, const EncoderMode& mode, uint8_t* out) {
+    Encode(view, mode.fast, out);
+}
+
+inline void encodeBC7(const CPUViewBase& view, const EncoderMode& mode, uint8_t* out) {
+    glyptora_bc7::encodeBC7CPU(view, mode.fast, mode.imageHasAlpha, out);
+}
 
 inline constexpr EncoderEntry kBC1a{"BC1a", Q::Fast, 8, false, "encode_bc1a_cpu()",
                                     "BC1a Compressor: no fast-mode for bc1a-gpu, using cpu instead.\n",
-                                    [](const V& v, const M& m, uint8_t* o) { glyptora_dxt::encodeBC1aCPU(v, m.fast, o); },
-                                    &kGpuBC1a};
+                                    &withFastFlag<glyptora_dxt::encodeBC1aCPU>, &kGpuBC1a};
 inline constexpr EncoderEntry kBC2{"BC2", Q::Fast, 16, false, "encode_bc2_cpu()",
                                    "BC2 Compressor: no fast-mode for bc2-gpu, using cpu instead.\n",
-                                   [](const V& v, const M& m, uint8_t* o) { glyptora_dxt::encodeBC2CPU(v, m.fast, o); },
-                                   &kGpuBC2};
+                                   &withFastFlag<glyptora_dxt::encodeBC2CPU>, &kGpuBC2};
 inline constexpr EncoderEntry kBC3{"BC3", Q::Fast, 16, false, "encode_bc3_cpu()",
                                    "BC3 Compressor: no fast-mode for bc3-gpu, using cpu instead.\n",
-                                   [](const V& v, const M& m, uint8_t* o) { glyptora_dxt::encodeBC3CPU(v, m.fast, o); },
-                                   &kGpuBC3};
+                                   &withFastFlag<glyptora_dxt::encodeBC3CPU>, &kGpuBC3};
 inline constexpr EncoderEntry kBC4{"BC4", Q::Slow, 8, false, "encode_bc4_cpu()",
                                    "BC4 Compressor: no production-mode for bc4-gpu, using cpu instead.\n",
-                                   [](const V& v, const M& m, uint8_t* o) { glyptora_dxt::encodeBC4CPU(v, m.fast, o); },
-                                   &kGpuBC4};
+                                   &withFastFlag<glyptora_dxt::encodeBC4CPU>, &kGpuBC4};
 inline constexpr EncoderEntry kBC4S{"BC4S", Q::Slow, 8, false, "encode_bc4s_cpu()",
                                     "BC4S Compressor: no production-mode for bc4s-gpu, using cpu instead.\n",
-                                    [](const V& v, const M& m, uint8_t* o) { glyptora_dxt::encodeBC4SCPU(v, m.fast, o); },
-                                    &kGpuBC4S};
+                                    &withFastFlag<glyptora_dxt::encodeBC4SCPU>, &kGpuBC4S};
 inline constexpr EncoderEntry kBC5{"BC5", Q::Slow, 16, false, "encode_bc5_cpu()",
                                    "BC5 Compressor: no production-mode for bc5-gpu, using cpu instead.\n",
-                                   [](const V& v, const M& m, uint8_t* o) { glyptora_dxt::encodeBC5CPU(v, m.fast, o); },
-                                   &kGpuBC5};
+                                   &withFastFlag<glyptora_dxt::encodeBC5CPU>, &kGpuBC5};
 // The signed BC5 notice names "bc5-gpu"; it is kept word for word.
 inline constexpr EncoderEntry kBC5S{"BC5S", Q::Slow, 16, false, "encode_bc5s_cpu()",
                                     "BC5S Compressor: no production-mode for bc5-gpu, using cpu instead.\n",
-                                    [](const V& v, const M& m, uint8_t* o) { glyptora_dxt::encodeBC5SCPU(v, m.fast, o); },
-                                    &kGpuBC5S};
+                                    &withFastFlag<glyptora_dxt::encodeBC5SCPU>, &kGpuBC5S};
 inline constexpr EncoderEntry kBC6H{"BC6H", Q::Slow, 16, false, "encode_bc6h_cpu()",
                                     "BC6H Compressor: no slow-mode for bc6-gpu, using cpu instead.\n", nullptr,
                                     nullptr};
 inline constexpr EncoderEntry kBC7{"BC7", Q::Slow, 16, false, "encode_bc7_cpu()",
                                    "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n",
-                                   [](const V& v, const M& m, uint8_t* o) {
-                                       glyptora_bc7::encodeBC7CPU(v, m.fast, m.imageHasAlpha, o);
-                                   },
-                                   nullptr};
+                                   &encodeBC7, nullptr};
 inline constexpr EncoderEntry kASTC{"ASTC", Q::Level, 16, true, "astc_encode_cpu()", nullptr, nullptr, nullptr};
 
 inline constexpr const char* kBC7SameEncoder =
