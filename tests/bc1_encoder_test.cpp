@@ -1,6 +1,7 @@
 // BC1 block encoders (fast and high quality, opaque and with one-bit alpha), the BC1 decoder and
 // the single-colour tables: pinned blocks, brute-force searches, and a double-precision search
-// over the cluster fit's splits.
+// over the cluster fit's splits. (The fast encoders' blocks on thousands of random blocks are
+// pinned in bc1_fast_pinned_test.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,7 +25,7 @@ using Pixels = std::array<uint8_t, 64>;  // blue, green, red, alpha per pixel
 
 enum Encoder { BC1aFast, BC1aHQ, ColourFast, ColourHQ };
 constexpr Encoder kAll[] = {BC1aFast, BC1aHQ, ColourFast, ColourHQ};
-constexpr float kUnit[3] = {1, 1, 1};
+constexpr float kUnit[3] = {1, 1, 1}, kPerceptual[3] = {0.2126f, 0.7152f, 0.0722f};
 
 Block encode(Encoder e, const Pixels& px, const float* metric = kUnit) {
     Block b{};
@@ -44,34 +45,6 @@ void setPixel(Pixels& p, int i, int r, int g, int b, int a = 255) {
 Pixels solid(int r, int g, int b, int a = 255) {
     Pixels p;
     for (int i = 0; i < 16; ++i) setPixel(p, i, r, g, b, a);
-    return p;
-}
-
-// Per channel: squared decoded error of the pixels the block keeps opaque.
-std::array<double, 3> decodedError(const Pixels& px, const Block& b, bool threeColour = true) {
-    uint8_t rgba[64];
-    decodeBC1Block(b.data(), rgba, threeColour);
-    std::array<double, 3> sum{};
-    for (int i = 0; i < 16; ++i)
-        for (int c = 0; c < 3; ++c)
-            if (rgba[4 * i + 3]) sum[c] += std::pow(double(rgba[4 * i + c]) - px[4 * i + 2 - c], 2);
-    return sum;
-}
-double total(const std::array<double, 3>& e) { return e[0] + e[1] + e[2]; }
-
-// A linear ramp between two random colours across the block, with optional noise.
-Pixels gradient(std::mt19937& rng, int noise) {
-    int a[3], b[3];
-    for (int c = 0; c < 3; ++c) a[c] = int(rng() % 256), b[c] = int(rng() % 256);
-    const int dx = int(rng() % 3), dy = int(rng() % 3) + 1;
-    Pixels p;
-    for (int i = 0; i < 16; ++i) {
-        const float t = float((i % 4) * dx + (i / 4) * dy) / float(3 * dx + 3 * dy);
-        int v[3];
-        for (int c = 0; c < 3; ++c)
-            v[c] = std::clamp(int(a[c] + (b[c] - a[c]) * t + 0.5f) + int(rng() % (2 * noise + 1)) - noise, 0, 255);
-        setPixel(p, i, v[0], v[1], v[2]);
-    }
     return p;
 }
 
@@ -340,73 +313,26 @@ TEST(BC1HighQuality, TwoColoursOnTheGridDecodeWithinOneLevel) {
     EXPECT_GT(exact, 800);
 }
 
-// The metric's channel weights are checked by ClusterFitReachesTheBestSplit (perceptual metric).
-TEST(BC1HighQuality, BeatsFast) {
-    std::mt19937 rng(9);
-    for (int noise : {0, 4, 128}) {
-        double fast[2] = {}, hq[2] = {};
-        for (int n = 0; n < 3000; ++n) {
-            const Pixels p = gradient(rng, noise);
-            fast[0] += total(decodedError(p, encode(ColourFast, p)));
-            hq[0] += total(decodedError(p, encode(ColourHQ, p)));
-            fast[1] += total(decodedError(p, encode(BC1aFast, p)));
-            hq[1] += total(decodedError(p, encode(BC1aHQ, p)));
-        }
-        EXPECT_LT(hq[0], fast[0]) << "noise " << noise;
-        EXPECT_LT(hq[1], fast[1]) << "noise " << noise;
-    }
-}
-
-// The block the high-quality fit writes reaches the smallest error of the reference search:
-// 4-colour opaque blocks (unit and perceptual metrics), and 3-colour BC1a blocks with a
-// transparent pixel.
+// The block the high-quality fit writes reaches the smallest error of the reference search,
+// with unit and perceptual metrics: 4-colour opaque blocks; 3-colour BC1a blocks with a
+// transparent pixel; BC1a blocks without one, the better of both modes.
 TEST(BC1HighQuality, ClusterFitReachesTheBestSplit) {
-    for (bool bc1a : {false, true}) {
-        std::mt19937 rng(bc1a ? 19 : 17);
+    const std::vector<double> four{1, 2.0 / 3, 1.0 / 3, 0}, three{1, 0.5, 0};
+    for (int kind : {0, 1, 2}) {  // colour half, BC1a with a transparent pixel, BC1a with random alpha
+        const bool bc1a = kind > 0;
+        std::mt19937 rng(17 + 2 * kind);
         for (int n = 0; n < 300; ++n) {
-            const bool perceptual = !bc1a && n % 2;
-            const float metric[3] = {perceptual ? 0.2126f : 1, perceptual ? 0.7152f : 1, perceptual ? 0.0722f : 1};
+            const float* metric = n % 2 ? kPerceptual : kUnit;
             Pixels px = randomBlock(rng);
-            if (bc1a) px[4 * (n % 16) + 3] = 0;  // a transparent pixel forces 3-colour mode
+            if (kind == 1) px[4 * (n % 16) + 3] = 0;  // forces 3-colour mode
             const std::vector<Point> pts = sortedPoints(px.data(), bc1a);
             if (pts.size() < 2) continue;
-            uint8_t block[8];
-            bc1a ? encodeBC1aBlock(px.data(), false, metric, block) : encodeColourBlock(px.data(), false, metric, block);
-            const std::vector<double> weights =
-                bc1a ? std::vector<double>{1, 0.5, 0} : std::vector<double>{1, 2.0 / 3, 1.0 / 3, 0};
-            ASSERT_NEAR(blockError(block, px.data(), bc1a, metric), bestSplitError(pts, weights, metric), 1e-4)
-                << (bc1a ? "3-colour " : "4-colour ") << n;
-        }
-    }
-}
-
-TEST(BC1Encoders, GradientsDecodeClosely) {
-    // Bounds relative to the block's largest channel range (3-colour blocks have one entry
-    // fewer). The fast diagonal only orients red and green against blue, so a red-green
-    // ramp over constant blue may run along the wrong diagonal.
-    std::mt19937 rng(21);
-    for (int n = 0; n < 2000; ++n) {
-        Pixels p = gradient(rng, n % 2 ? 3 : 0);
-        int range = 0;
-        for (int c = 0; c < 3; ++c) {
-            int lo = 255, hi = 0;
-            for (int i = 0; i < 16; ++i) lo = std::min<int>(lo, p[4 * i + c]), hi = std::max<int>(hi, p[4 * i + c]);
-            range = std::max(range, hi - lo);
-        }
-        for (int i = 0; i < 16; ++i)
-            if (n % 4 == 3 && rng() % 4 == 0) p[4 * i + 3] = 0;
-        for (Encoder e : kAll) {
-            const bool punchThrough = e == BC1aFast || e == BC1aHQ;
-            const int bound = 10 + range * (e == BC1aFast || e == ColourFast ? 4 : 3) / 10;
-            uint8_t rgba[64];
-            decodeBC1Block(encode(e, p).data(), rgba, punchThrough);
-            for (int i = 0; i < 16; ++i) {
-                // Alpha 0 stays transparent, alpha 255 opaque.
-                ASSERT_EQ(rgba[4 * i + 3], punchThrough && !p[4 * i + 3] ? 0 : 255) << n << " pixel " << i;
-                if (!rgba[4 * i + 3]) continue;
-                for (int c = 0; c < 3; ++c)
-                    ASSERT_LE(std::abs(rgba[4 * i + c] - p[4 * i + 2 - c]), bound) << n << " " << int(e) << " " << i;
-            }
+            bool transparent = false;
+            for (int i = 0; i < 16; ++i) transparent |= bc1a && px[4 * i + 3] == 0;
+            const double fourError = bc1a && transparent ? 1e30 : bestSplitError(pts, four, metric);
+            const double best = bc1a ? std::min(fourError, bestSplitError(pts, three, metric)) : fourError;
+            const Block block = encode(bc1a ? BC1aHQ : ColourHQ, px, metric);
+            ASSERT_NEAR(blockError(block.data(), px.data(), bc1a, metric), best, 1e-4) << "kind " << kind << " " << n;
         }
     }
 }
@@ -435,10 +361,7 @@ TEST(BC1aCPU, EncodesAnOddSizedImageTileByTile) {
     std::vector<uint8_t> image(5 * 3 * 4);
     for (auto& v : image) v = uint8_t(rng());
     image[3] = 0;  // one transparent pixel in tile 0
-    glyptora::ImageRecord record;
-    record.data = image.data();
-    record.width = 5;
-    record.height = 3;
+    const glyptora::ImageRecord record{.data = image.data(), .width = 5, .height = 3};
     const float weights[3] = {0.2126f, 0.7152f, 0.0722f};
     glyptora::CPUInputBuffer input(&record, 1, glyptora::kValueU8, 4, 4, weights[0], weights[1], weights[2], 1.0f);
     const auto* tiles = dynamic_cast<const glyptora::U8TileBuffer*>(input.buffer());

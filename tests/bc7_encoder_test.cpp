@@ -1,12 +1,12 @@
-// The fast BC7 encoder and the library's BC7 decoder: every mode, shape,
-// rotation and index mode checked against our decoder and, when Pillow is
-// available, against Pillow's independent decoder; the block driver's rules.
+// The fast BC7 encoder and the library's BC7 decoder: every mode, shape, rotation and index
+// mode checked against our decoder and, when Pillow is available, against Pillow's
+// independent decoder; the block driver's rules; the CPU entry and its mode histogram.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -83,26 +83,16 @@ double decodedError(const uint8_t block[16], const float tex[64], uint16_t regio
 
 std::vector<BC7ForcedChoice> everyChoice() {
     std::vector<BC7ForcedChoice> choices;
-    for (int mode = 0; mode < 8; ++mode) {
-        if (mode == 4) {
-            for (int r = 0; r < 4; ++r)
-                for (int im = 0; im < 2; ++im) choices.push_back({4, 0, r, im});
-        } else if (mode == 5) {
-            for (int r = 0; r < 4; ++r) choices.push_back({5, 0, r, 0});
-        } else if (mode == 6) {
-            choices.push_back({6, 0, 0, 0});
-        } else {
-            for (int p = 0; p < (mode == 0 ? 16 : 64); ++p) choices.push_back({mode, p, 0, 0});
-        }
-    }
+    for (int mode = 0; mode < 8; ++mode)
+        for (int p = 0; p < (mode == 0 ? 16 : mode >= 4 && mode <= 6 ? 1 : 64); ++p)
+            for (int r = 0; r < (mode == 4 || mode == 5 ? 4 : 1); ++r)
+                for (int im = 0; im < (mode == 4 ? 2 : 1); ++im) choices.push_back({mode, p, r, im});
     return choices;
 }
 
 std::string describe(const BC7ForcedChoice& c) {
-    char text[64];
-    std::snprintf(text, sizeof text, "mode %d partition %d rotation %d index mode %d", c.mode, c.partition, c.rotation,
-                  c.indexMode);
-    return text;
+    return "mode " + std::to_string(c.mode) + " partition " + std::to_string(c.partition) + " rotation " +
+           std::to_string(c.rotation) + " index mode " + std::to_string(c.indexMode);
 }
 
 // Our decoder's view of an encoded block must match what the encoder meant.
@@ -110,55 +100,44 @@ void checkForced(const BC7ForcedChoice& c, const float tex[64], bool translucent
     const float err = encodeBC7BlockForced(tex, kFull, translucent, c, block);
     const BC7BlockInfo info = describeBC7Block(block);
     ASSERT_EQ(info.mode, c.mode) << describe(c);
-    if (c.mode != 4 && c.mode != 5 && c.mode != 6) {
-        EXPECT_EQ(info.partition, c.partition) << describe(c);
-    }
-    if (c.mode == 4 || c.mode == 5) {
-        EXPECT_EQ(info.rotation, c.rotation) << describe(c);
-    }
-    if (c.mode == 4) {
-        EXPECT_EQ(info.indexMode, c.indexMode) << describe(c);
-    }
+    EXPECT_EQ(info.partition, c.mode >= 4 && c.mode <= 6 ? info.partition : c.partition) << describe(c);
+    EXPECT_EQ(info.rotation, c.mode == 4 || c.mode == 5 ? c.rotation : info.rotation) << describe(c);
+    EXPECT_EQ(info.indexMode, c.mode == 4 ? c.indexMode : info.indexMode) << describe(c);
     const double decoded = decodedError(block, tex, kFull);
     EXPECT_NEAR(decoded, err, 0.01 + 1e-4 * decoded) << describe(c);
 }
 
 std::string findPythonWithPillow() {
-    std::vector<std::string> candidates;
-    if (const char* env = std::getenv("GLYPTORA_PYTHON")) candidates.push_back(env);
-    candidates.push_back("python3");
-    candidates.push_back("/usr/bin/python3");
-    for (const std::string& python : candidates)
+    const char* env = std::getenv("GLYPTORA_PYTHON");
+    for (const std::string python : {env ? env : "python3", "python3", "/usr/bin/python3"})
         if (std::system((python + " -c 'import PIL.DdsImagePlugin' > /dev/null 2>&1").c_str()) == 0) return python;
     return "";
 }
 
-void put32(std::ofstream& out, uint32_t v) { out.write(reinterpret_cast<const char*>(&v), 4); }
-
 // A DX10 DDS holding the blocks as one BC7_UNORM (98) image, `columns` blocks wide.
 void writeDDS(const std::string& path, const std::vector<uint8_t>& blocks, int columns, int rows) {
+    // "DDS ", header size, flags (caps, height, width, pixel format, linear size), height,
+    // width, linear size, depth, one level.
+    uint32_t header[37] = {0x20534444, 124, 0x1 | 0x2 | 0x4 | 0x1000 | 0x80000, uint32_t(rows * 4),
+                           uint32_t(columns * 4), uint32_t(blocks.size()), 0, 1};
+    header[19] = 32, header[20] = 0x4, header[21] = 0x30315844;  // pixel format: four-cc "DX10"
+    header[27] = 0x1000;                                           // caps: texture
+    header[32] = 98, header[33] = 3, header[35] = 1;               // BC7_UNORM, 2D texture, one element
     std::ofstream out(path, std::ios::binary);
-    out.write("DDS ", 4);
-    uint32_t header[31] = {};
-    header[0] = 124;
-    header[1] = 0x1 | 0x2 | 0x4 | 0x1000 | 0x80000;  // caps, height, width, pixel format, linear size
-    header[2] = uint32_t(rows * 4);
-    header[3] = uint32_t(columns * 4);
-    header[4] = uint32_t(blocks.size());
-    header[6] = 1;
-    header[18] = 32;          // pixel format size
-    header[19] = 0x4;         // four-cc
-    header[20] = 0x30315844;  // "DX10"
-    header[26] = 0x1000;      // texture
-    for (uint32_t v : header) put32(out, v);
-    const uint32_t dx10[5] = {98, 3, 0, 1, 0};  // BC7_UNORM, 2D texture, no flags, one element
-    for (uint32_t v : dx10) put32(out, v);
+    out.write(reinterpret_cast<const char*>(header), sizeof header);
     out.write(reinterpret_cast<const char*>(blocks.data()), std::streamsize(blocks.size()));
 }
 
 }  // namespace
 
-TEST(BC7Forced, EveryModeShapeRotationAndIndexModeDecodesToItsOwnError) {
+// Every mode, shape, rotation and index mode, on opaque and (modes 4 to 7) translucent
+// texels: our decoder reads back the choice and the error the encoder reports. Then 400
+// blocks the driver picks freely: a later step replaces the block only when strictly better,
+// so the kept step is the first with the smallest error. All of them must decode in Pillow
+// exactly as in our decoder.
+TEST(BC7Blocks, ForcedAndDriverBlocksDecodeToTheirOwnErrorAndAsPillowDoes) {
+    std::vector<uint8_t> blocks;
+    std::vector<std::string> labels;
     Rng rng{7};
     for (const BC7ForcedChoice& c : everyChoice())
         for (int set = 0; set < 3; ++set) {
@@ -167,41 +146,32 @@ TEST(BC7Forced, EveryModeShapeRotationAndIndexModeDecodesToItsOwnError) {
             randomTexels(rng, tex, translucent);
             uint8_t block[16];
             checkForced(c, tex, translucent, block);
-        }
-}
-
-TEST(BC7Forced, PillowDecodesEveryBlockAsWeDo) {
-    const std::string python = findPythonWithPillow();
-    if (python.empty()) GTEST_SKIP() << "no python3 with Pillow";
-
-    std::vector<uint8_t> blocks;
-    std::vector<std::string> labels;
-    Rng rng{12345};
-    for (const BC7ForcedChoice& c : everyChoice())
-        for (int set = 0; set < 2; ++set) {
-            float tex[64];
-            const bool translucent = c.mode >= 4 && set == 1;
-            randomTexels(rng, tex, translucent);
-            uint8_t block[16];
-            encodeBC7BlockForced(tex, kFull, translucent, c, block);
             blocks.insert(blocks.end(), block, block + 16);
             labels.push_back(describe(c) + (translucent ? " translucent" : " opaque"));
         }
-    for (int i = 0; i < 200; ++i) {  // whatever the driver picks
+    const int stepMode[9] = {6, 1, 3, 7, 0, 2, 5, 4, 4};
+    for (int i = 0; i < 400; ++i) {
         float tex[64];
-        const bool translucent = i & 1;
+        const bool translucent = i % 3 == 0;
         randomTexels(rng, tex, translucent);
         uint8_t block[16];
-        encodeBC7BlockFast(tex, kFull, translucent, block);
+        BC7FastTrace trace;
+        const float err = encodeBC7BlockFast(tex, kFull, translucent, block, &trace);
+        const int first = int(std::min_element(trace.stepError, trace.stepError + 9) - trace.stepError);
+        ASSERT_EQ(trace.keptStep, first) << "block " << i;
+        EXPECT_EQ(err, trace.stepError[first]);
+        const BC7BlockInfo info = describeBC7Block(block);
+        EXPECT_EQ(info.mode, stepMode[first]);
+        EXPECT_EQ(info.indexMode, first >= 7 ? first - 7 : info.indexMode);
+        EXPECT_NEAR(decodedError(block, tex, kFull), err, 0.01 + 1e-4 * err);
         blocks.insert(blocks.end(), block, block + 16);
         labels.push_back("driver block " + std::to_string(i));
     }
 
-    const int columns = 16;
-    const int count = int(labels.size());
-    const int rows = (count + columns - 1) / columns;
+    const std::string python = findPythonWithPillow();
+    if (python.empty()) GTEST_SKIP() << "checked against our decoder only: no python3 with Pillow";
+    const int columns = 16, rows = (int(labels.size()) + columns - 1) / columns, width = columns * 4;
     while (int(blocks.size()) < rows * columns * 16) blocks.insert(blocks.end(), blocks.end() - 16, blocks.end());
-    const int width = columns * 4;
     std::vector<uint8_t> expected(size_t(width) * size_t(rows * 4) * 4);
     for (int b = 0; b < rows * columns; ++b) {
         uint8_t rgba[64];
@@ -210,16 +180,14 @@ TEST(BC7Forced, PillowDecodesEveryBlockAsWeDo) {
         for (int y = 0; y < 4; ++y)
             for (int i = 0; i < 16; ++i) expected[(size_t(by * 4 + y) * width + bx * 4) * 4 + i] = rgba[y * 16 + i];
     }
-
     std::string dir = ::testing::TempDir() + "bc7_pillow_XXXXXX";
     ASSERT_NE(mkdtemp(dir.data()), nullptr);
     writeDDS(dir + "/blocks.dds", blocks, columns, rows);
     std::ofstream(dir + "/expected.rgba", std::ios::binary)
         .write(reinterpret_cast<const char*>(expected.data()), std::streamsize(expected.size()));
-    {
-        std::ofstream out(dir + "/labels.txt");
-        for (const std::string& l : labels) out << l << "\n";
-    }
+    std::ofstream labelFile(dir + "/labels.txt");
+    for (const std::string& l : labels) labelFile << l << "\n";
+    labelFile.close();
     const std::string command = python + " " GLYPTORA_SOURCE_DIR "/tests/bc7_pillow_check.py " + dir;
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
 }
@@ -230,9 +198,7 @@ TEST(BC7Driver, OpaqueBlocksMayUseEveryModeTranslucentOnesOnlyFourToSeven) {
     uint8_t block[16];
     BC7FastTrace trace;
     encodeBC7BlockFast(tex, kFull, true, block, &trace);
-    const int opaqueMode = describeBC7Block(block).mode;
-    EXPECT_GE(opaqueMode, 0);
-    EXPECT_LE(opaqueMode, 3);
+    EXPECT_LE(unsigned(describeBC7Block(block).mode), 3u);  // 0 to 3
     // Modes 6, 1 and 3 are fitted; the later partitioned modes may be passed
     // over when their modelled error is far above the best so far.
     for (int step = 0; step < 3; ++step) EXPECT_LT(trace.stepError[step], FLT_MAX) << "step " << step;
@@ -273,12 +239,8 @@ TEST(BC7Driver, ThreeFlatRegionsReachTheThreeSubsetModes) {
 TEST(BC7Driver, TexelsOutsideTheValidRegionPlayNoPart) {
     float tex[64];
     twoRamps(tex, 1.0f);
-    for (int i = 12; i < 16; ++i) {  // bottom row: invisible, translucent, nonsense colours
-        tex[i * 4 + 0] = NAN;
-        tex[i * 4 + 1] = 7.0f;
-        tex[i * 4 + 2] = -3.0f;
-        tex[i * 4 + 3] = 0.0f;
-    }
+    for (int i = 12; i < 16; ++i)  // bottom row: invisible, translucent, nonsense colours
+        tex[i * 4 + 0] = NAN, tex[i * 4 + 1] = 7.0f, tex[i * 4 + 2] = -3.0f, tex[i * 4 + 3] = 0.0f;
     const uint16_t fourByThree = 0x0304;
     uint8_t block[16], again[16];
     const float err = encodeBC7BlockFast(tex, fourByThree, true, block);
@@ -301,30 +263,6 @@ TEST(BC7Driver, TexelsOutsideTheValidRegionPlayNoPart) {
     EXPECT_EQ(rgba[3], 255);
     if (e1 > 0.0f) {  // the opaque-only modes ran
         EXPECT_LT(trace.stepError[1], FLT_MAX);
-    }
-}
-
-TEST(BC7Driver, LaterStepsReplaceTheBlockOnlyWhenStrictlyBetter) {
-    const int stepMode[9] = {6, 1, 3, 7, 0, 2, 5, 4, 4};
-    Rng rng{99};
-    for (int i = 0; i < 400; ++i) {
-        float tex[64];
-        const bool translucent = i % 3 == 0;
-        randomTexels(rng, tex, translucent);
-        uint8_t block[16];
-        BC7FastTrace trace;
-        const float err = encodeBC7BlockFast(tex, kFull, translucent, block, &trace);
-        int first = 0;
-        for (int s = 1; s < 9; ++s)
-            if (trace.stepError[s] < trace.stepError[first]) first = s;
-        ASSERT_EQ(trace.keptStep, first) << "block " << i;
-        EXPECT_EQ(err, trace.stepError[first]);
-        const BC7BlockInfo info = describeBC7Block(block);
-        EXPECT_EQ(info.mode, stepMode[first]);
-        if (first >= 7) {
-            EXPECT_EQ(info.indexMode, first - 7);
-        }
-        EXPECT_NEAR(decodedError(block, tex, kFull), err, 0.01 + 1e-4 * err);
     }
 }
 
@@ -362,17 +300,11 @@ TEST(BC7Mode6, AlphaExtremesStayExact) {
     float tex[64];
     Rng rng{3};
     randomTexels(rng, tex, true);
-    tex[0 * 4 + 3] = 0.0f;
-    tex[7 * 4 + 3] = 0.0f;
-    tex[9 * 4 + 3] = 1.0f;
-    tex[15 * 4 + 3] = 1.0f;
+    for (int i : {0, 7, 9, 15}) tex[i * 4 + 3] = i < 8 ? 0.0f : 1.0f;
     uint8_t block[16], rgba[64];
     encodeBC7BlockForced(tex, kFull, true, {6, 0, 0, 0}, block);
     decodeBC7Block(block, rgba);
-    EXPECT_EQ(rgba[0 * 4 + 3], 0);
-    EXPECT_EQ(rgba[7 * 4 + 3], 0);
-    EXPECT_EQ(rgba[9 * 4 + 3], 255);
-    EXPECT_EQ(rgba[15 * 4 + 3], 255);
+    for (int i : {0, 7, 9, 15}) EXPECT_EQ(rgba[i * 4 + 3], i < 8 ? 0 : 255) << i;
 
     // A flat block: the segment is widened by one step either way and still hits the colour.
     for (int i = 0; i < 16; ++i)
@@ -387,10 +319,7 @@ TEST(BC7CPU, EntryMatchesTheBlockEncoderAndCountsModes) {
     for (unsigned char& v : data) v = static_cast<unsigned char>(rng.next());
     const glyptora_internal::TileValidRegion regions[3] = {{4, 4}, {4, 4}, {2, 3}};
     glyptora_internal::CPUU8View view;
-    view.data = data.data();
-    view.tileWidth = view.tileHeight = 4;
-    view.tileCount = 3;
-    view.regions = regions;
+    view.data = data.data(), view.tileWidth = view.tileHeight = 4, view.tileCount = 3, view.regions = regions;
 
     std::vector<uint8_t> fast(48), slow(48);
     BC7ModeStats stats;

@@ -1,11 +1,11 @@
 // Single-channel blocks: BC2 explicit alpha, the unsigned interpolated block (BC3 alpha, BC4,
 // BC5 halves) and its signed twin (BC4S, BC5S halves), against pinned blocks and independent
 // re-computations of the palettes and of the exhaustive endpoint search; and the BC2, BC3,
-// BC4 and BC5 CPU entries over tiled input buffers (channel choice, halves, signed fetch).
+// BC4 and BC5 CPU entries over tiled input buffers (channel choice, halves). The entries'
+// value-type conversions are pinned through the exported conversion (conversion_pinned_test).
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -182,41 +182,9 @@ void encode(const Domain& d, Encoder e, const int x[16], uint8_t out[8]) {
                    : encodeInterpolatedBlockHighQualityReference(u, kUnitWeights, out);
 }
 
-// --- CPU entries over an RGBA image of size x size pixels ---------------------------------------
-
 using Entry = void (*)(const CPUViewBase&, bool, uint8_t*);
-using Tile = std::array<uint8_t, 64>;  // fetched B, G, R, A pixels
 const float kUnit[3] = {1, 1, 1};
 const float kPerceptual[3] = {0.2126f, 0.7152f, 0.0722f};
-
-// Pseudo-random smooth-ish content whose four channels differ, so that a block built from the
-// wrong channel shows.
-template <typename T>
-std::vector<T> testImage(uint32_t seed, int size, int lowest, int highest) {
-    std::vector<T> pixels(size_t(size) * size * 4);
-    for (size_t i = 0; i < pixels.size(); ++i) {
-        seed = seed * 1664525u + 1013904223u;
-        const int span = highest - lowest + 1;
-        pixels[i] = T(lowest + (int((i / 4) % 8) * span / 10 + int((seed >> 24) % 48)) % span);
-    }
-    return pixels;
-}
-
-std::vector<uint8_t> runEntry(Entry entry, const void* pixels, int size, int32_t valueType, bool fast, int blockBytes,
-                              const float* weights = kUnit, std::vector<Tile>* tiles = nullptr) {
-    ImageRecord record;
-    record.data = pixels;
-    record.width = record.height = size;
-    CPUInputBuffer input(&record, 1, valueType, 4, 4, weights[0], weights[1], weights[2], 1);
-    std::vector<uint8_t> out(size_t(input.tileCount()) * blockBytes, 0xCD);
-    if (auto* u8 = dynamic_cast<const U8TileBuffer*>(input.buffer())) {
-        entry(u8->view(), fast, out.data());
-        for (uint32_t t = 0; tiles && t < input.tileCount(); ++t) u8->view().fetchBGRA8(t, tiles->emplace_back().data());
-    }
-    if (auto* s8 = dynamic_cast<const S8TileBuffer*>(input.buffer())) entry(s8->view(), fast, out.data());
-    if (auto* f32 = dynamic_cast<const F32TileBuffer*>(input.buffer())) entry(f32->view(), fast, out.data());
-    return out;
-}
 
 }  // namespace
 
@@ -255,17 +223,9 @@ TEST(InterpolatedPalette, AgreesWithTheModelForEveryPair) {
     EXPECT_EQ(std::vector<int>(p, p + 8), (std::vector<int>{-10, -40, -13, -18, -22, -26, -31, -35}));
 }
 
-TEST(InterpolatedDecoder, ReadsThreeBitIndicesFromBitSixteen) {
-    // Indices 0..7 twice: 0b111'110'101'100'011'010'001'000 = 0xFAC688 per eight pixels.
-    const uint8_t block[8] = {255, 0, 0x88, 0xC6, 0xFA, 0x88, 0xC6, 0xFA};
-    uint8_t values[16];
-    decodeInterpolatedBlock(block, values);
-    const uint8_t expected[16] = {255, 0, 219, 182, 146, 109, 73, 36, 255, 0, 219, 182, 146, 109, 73, 36};
-    EXPECT_EQ(bytes(values, 16), bytes(expected, 16));
-}
-
 // Literal blocks of the fast (F) and high-quality (H) encoders: the first bytes written, and
-// every pixel decoding to its value (signed -128 to -127), but for `missed` (one below).
+// every pixel decoding to its value (signed -128 to -127), but for `missed` (one below). The
+// decoder's 3-bit indices from bit 16 are checked by the block that uses all eight entries.
 TEST(InterpolatedBlocks, PinnedCases) {
     const struct {
         bool isSigned, fast, hq;
@@ -321,155 +281,122 @@ TEST(InterpolatedBlocks, PinnedCases) {
     EXPECT_EQ(a1, 7);
 }
 
-// The exhaustive search against the pair-by-pair model, for both signs: endpoints, the 0/255
-// pinning of unsigned 8-value pairs, and nearest-entry indices with ties to the lower index.
-// Being the best pair of its windows, the search is never worse than a fast pair inside them,
-// and in total clearly better than the fast encoder.
-TEST(InterpolatedHighQuality, MatchesTheModelSearch) {
-    for (const Domain* d : {&kUnsigned, &kSigned}) {
-        BlockSource source(d->isSigned ? 99 : 7);
-        int pinned = 0;
-        long fastTotal = 0, searchTotal = 0;
-        for (int n = 0; n < 49; ++n) {
-            int x[16], a0, a1;
-            bool repinned = false;
-            source.block(*d, n % 7, x);
-            modelHighQualityPair(*d, x, &a0, &a1, &repinned);
-            uint8_t block[8], fast[8];
-            encode(*d, Encoder::HighQuality, x, block);
-            ASSERT_EQ(endpoint(*d, block[0]), a0) << "block " << n;
-            ASSERT_EQ(endpoint(*d, block[1]), a1) << "block " << n;
-            expectNearestIndices(*d, x, block);
-            pinned += repinned;
-            encode(*d, Encoder::Fast, x, fast);
-            fastTotal += blockError(*d, x, fast);
-            searchTotal += blockError(*d, x, block);
-        }
-        if (!d->isSigned) {
-            EXPECT_GT(pinned, 0) << "no block exercised the 0/255 pinning";
-        }
-        EXPECT_LT(searchTotal * 10, fastTotal * 9) << "search " << searchTotal << " fast " << fastTotal;
-    }
-}
-
-// The pruned search (host vector evaluator, and the one-pixel evaluator that device code runs)
-// against the straightforward one, with the blocks of the straightforward and fast encoders
-// pinned by a hash: any change of the blocks shows up here.
-TEST(InterpolatedHighQuality, PrunedSearchGivesTheStraightforwardBlocks) {
+// The exhaustive search, for both signs. The pruned search (host vector evaluator, and the
+// one-pixel evaluator that device code runs) against the straightforward one on every block.
+// On the first set, against the pair-by-pair model: endpoints, the 0/255 pinning of unsigned
+// 8-value pairs, and nearest-entry indices with ties to the lower index; being the best pair
+// of its windows, it is in total clearly better than the fast encoder. On the second set, the
+// blocks of the straightforward and fast encoders pinned by a hash: any change shows up here.
+TEST(InterpolatedHighQuality, MatchesTheModelAndThePrunedSearchGivesTheStraightforwardBlocks) {
     const uint64_t expectedHash[2] = {0x0FD4C184C54F2ADFull, 0x60E27B473161ECC7ull};
-    for (const Domain* d : {&kUnsigned, &kSigned}) {
-        BlockSource source(d->isSigned ? 2024 : 1999);
-        uint64_t hash = 0xCBF29CE484222325ull;
-        for (int n = 0; n < 300; ++n) {
-            int x[16];
-            source.block(*d, n % 6, x);
-            uint8_t fast[8], pruned[8], straightforward[8];
-            encode(*d, Encoder::Fast, x, fast);
-            encode(*d, Encoder::HighQuality, x, pruned);
-            encode(*d, Encoder::Straightforward, x, straightforward);
-            ASSERT_EQ(bytes(pruned, 8), bytes(straightforward, 8)) << "block " << n;
-            expectNearestIndices(*d, x, fast);
-            for (const uint8_t* block : {fast, straightforward})
-                for (int i = 0; i < 8; ++i) hash = (hash ^ block[i]) * 0x100000001B3ull;
+    for (const Domain* d : {&kUnsigned, &kSigned})
+        for (const bool model : {true, false}) {
+            BlockSource source(model ? (d->isSigned ? 99 : 7) : (d->isSigned ? 2024 : 1999));
+            uint64_t hash = 0xCBF29CE484222325ull;
+            int pinned = 0;
+            long fastTotal = 0, searchTotal = 0;
+            for (int n = 0; n < (model ? 49 : 300); ++n) {
+                int x[16];
+                source.block(*d, n % (model ? 7 : 6), x);
+                uint8_t fast[8], pruned[8], straightforward[8];
+                encode(*d, Encoder::Fast, x, fast);
+                encode(*d, Encoder::HighQuality, x, pruned);
+                encode(*d, Encoder::Straightforward, x, straightforward);
+                ASSERT_EQ(bytes(pruned, 8), bytes(straightforward, 8)) << "block " << n;
+                expectNearestIndices(*d, x, fast);
+                for (const uint8_t* block : {fast, straightforward})
+                    for (int i = 0; i < 8; ++i) hash = (hash ^ block[i]) * 0x100000001B3ull;
 
-            int host0, host1, portable0, portable1;
-            if (d->isSigned) {
-                const AlphaRange r = alphaRange<true>(x);
-                searchAlphaPairsUnitWeights<true>(x, r, &host0, &host1);
-                searchAlphaPairsPruned<true>(PortableAlphaEvaluator<true>{x}, r, &portable0, &portable1);
-            } else {
-                const AlphaRange r = alphaRange<false>(x);
-                searchAlphaPairsUnitWeights<false>(x, r, &host0, &host1);
-                searchAlphaPairsPruned<false>(PortableAlphaEvaluator<false>{x}, r, &portable0, &portable1);
-            }
-            ASSERT_EQ(host0, portable0) << "block " << n;
-            ASSERT_EQ(host1, portable1) << "block " << n;
-        }
-        EXPECT_EQ(hash, expectedHash[d->isSigned]) << std::hex << hash;
-    }
-}
+                int host0, host1, portable0, portable1;
+                if (d->isSigned) {
+                    const AlphaRange r = alphaRange<true>(x);
+                    searchAlphaPairsUnitWeights<true>(x, r, &host0, &host1);
+                    searchAlphaPairsPruned<true>(PortableAlphaEvaluator<true>{x}, r, &portable0, &portable1);
+                } else {
+                    const AlphaRange r = alphaRange<false>(x);
+                    searchAlphaPairsUnitWeights<false>(x, r, &host0, &host1);
+                    searchAlphaPairsPruned<false>(PortableAlphaEvaluator<false>{x}, r, &portable0, &portable1);
+                }
+                ASSERT_EQ(host0, portable0) << "block " << n;
+                ASSERT_EQ(host1, portable1) << "block " << n;
+                if (!model) continue;
 
-// Alpha half first, from the alpha channel: BC2 explicit, BC3 the fast interpolated block in
-// both forms. Colour half second: the fast fit, or the high-quality fit weighted by the
-// buffer's red, green and blue weights.
-TEST(BC2BC3Entries, AlphaHalfThenColourHalf) {
-    const auto pixels = testImage<uint8_t>(3, 12, 0, 255);
-    for (Entry entry : {encodeBC2CPU, encodeBC3CPU})
-        for (bool fast : {true, false}) {
-            std::vector<Tile> tiles;
-            const auto blocks = runEntry(entry, pixels.data(), 12, kValueU8, fast, 16, kPerceptual, &tiles);
-            ASSERT_EQ(tiles.size(), 9u);
-            int fitsDiffer = 0, weightsMatter = 0;
-            for (int t = 0; t < 9; ++t) {
-                uint8_t alpha[16], expectedAlpha[8], colourFast[8], colourHQ[8], unweighted[8];
-                for (int i = 0; i < 16; ++i) alpha[i] = tiles[t][4 * i + 3];
-                entry == encodeBC2CPU ? encodeExplicitAlphaBlock(alpha, expectedAlpha)
-                                      : encodeInterpolatedBlockFast(alpha, expectedAlpha);
-                encodeColourBlockFast(tiles[t].data(), colourFast);
-                encodeColourBlockHighQuality(tiles[t].data(), kPerceptual, colourHQ);
-                encodeColourBlockHighQuality(tiles[t].data(), kUnit, unweighted);
-                EXPECT_EQ(bytes(&blocks[16 * t], 8), bytes(expectedAlpha, 8)) << "tile " << t;
-                EXPECT_EQ(bytes(&blocks[16 * t + 8], 8), bytes(fast ? colourFast : colourHQ, 8)) << "tile " << t;
-                fitsDiffer += bytes(colourFast, 8) != bytes(colourHQ, 8);
-                weightsMatter += bytes(colourHQ, 8) != bytes(unweighted, 8);
+                int a0, a1;
+                bool repinned = false;
+                modelHighQualityPair(*d, x, &a0, &a1, &repinned);
+                ASSERT_EQ(endpoint(*d, pruned[0]), a0) << "block " << n;
+                ASSERT_EQ(endpoint(*d, pruned[1]), a1) << "block " << n;
+                expectNearestIndices(*d, x, pruned);
+                pinned += repinned;
+                fastTotal += blockError(*d, x, fast);
+                searchTotal += blockError(*d, x, pruned);
             }
-            EXPECT_GT(fitsDiffer, 0) << "the image should tell the two colour fits apart";
-            EXPECT_GT(weightsMatter, 0) << "the image should tell weighted from unweighted fits apart";
+            if (!model) {
+                EXPECT_EQ(hash, expectedHash[d->isSigned]) << std::hex << hash;
+                continue;
+            }
+            if (!d->isSigned) {
+                EXPECT_GT(pinned, 0) << "no block exercised the 0/255 pinning";
+            }
+            EXPECT_LT(searchTotal * 10, fastTotal * 9) << "search " << searchTotal << " fast " << fastTotal;
         }
 }
 
-TEST(BC2BC3Entries, FlatBlockAlphaHalves) {
-    // Alpha 128 lies between levels 7 (119) and 8 (136) and goes to the nearer, 8.
+// Each CPU entry against the block functions on the buffer's own fetches, tile by tile, on an
+// image whose four channels differ. BC2 and BC3: the alpha block (explicit; the fast
+// interpolated one at both qualities), then the colour block (the fast fit, or the
+// high-quality one weighted by the buffer's weights). BC4: red; BC5: red, then green; BC4S and
+// BC5S: the same from the signed fetch.
+TEST(AlphaBlockEntries, EveryEntryEncodesItsChannelsOfTheFetchedTiles) {
     std::vector<uint8_t> pixels(12 * 12 * 4);
-    for (size_t i = 0; i < pixels.size(); i += 4) pixels[i] = 255, pixels[i + 3] = 128;
-    const auto bc2 = runEntry(encodeBC2CPU, pixels.data(), 12, kValueU8, true, 16);
-    const auto bc3 = runEntry(encodeBC3CPU, pixels.data(), 12, kValueU8, true, 16);
-    for (int t = 0; t < 9; ++t) {
-        EXPECT_EQ(bytes(&bc2[16 * t], 8), std::vector<uint8_t>(8, 0x88)) << "tile " << t;
-        EXPECT_EQ(bytes(&bc3[16 * t], 8), (std::vector<uint8_t>{128, 128, 0, 0, 0, 0, 0, 0})) << "tile " << t;
-    }
-}
-
-// BC4 encodes red as the first BC5 half does; swapping red and green swaps the BC5 halves.
-template <typename T>
-void expectBC4BC5Halves(const std::vector<T>& pixels, int32_t valueType, Entry bc4, Entry bc5, bool fast) {
-    std::vector<T> swapped = pixels;
-    for (size_t i = 0; i < swapped.size(); i += 4) std::swap(swapped[i], swapped[i + 1]);
-    const auto a = runEntry(bc5, pixels.data(), 8, valueType, fast, 16);
-    const auto b = runEntry(bc5, swapped.data(), 8, valueType, fast, 16);
-    const auto red = runEntry(bc4, pixels.data(), 8, valueType, fast, 8);
-    for (int t = 0; t < 4; ++t) {
-        EXPECT_EQ(bytes(&a[16 * t], 8), bytes(&b[16 * t + 8], 8)) << "tile " << t << " fast " << fast;
-        EXPECT_EQ(bytes(&a[16 * t + 8], 8), bytes(&b[16 * t], 8)) << "tile " << t << " fast " << fast;
-        EXPECT_EQ(bytes(&red[8 * t], 8), bytes(&a[16 * t], 8)) << "tile " << t << " fast " << fast;
-        EXPECT_NE(bytes(&a[16 * t], 8), bytes(&a[16 * t + 8], 8)) << "red and green should differ";
-    }
-}
-
-TEST(BC4BC5Entries, ChannelsAndHalves) {
-    const auto u8 = testImage<uint8_t>(11, 8, 0, 255);
-    const auto s8 = testImage<int8_t>(12, 8, -128, 127);
-    for (bool fast : {true, false}) {
-        expectBC4BC5Halves(u8, kValueU8, encodeBC4CPU, encodeBC5CPU, fast);
-        expectBC4BC5Halves(s8, kValueS8, encodeBC4SCPU, encodeBC5SCPU, fast);
-        uint8_t red[16], block[8];  // tile 0 of the red channel, fetched by hand
-        for (int i = 0; i < 16; ++i) red[i] = u8[((i / 4) * 8 + i % 4) * 4 + 0];
-        fast ? encodeInterpolatedBlockFast(red, block) : encodeInterpolatedBlockHighQuality(red, kUnitWeights, block);
-        EXPECT_EQ(bytes(runEntry(encodeBC4CPU, u8.data(), 8, kValueU8, fast, 8).data(), 8), bytes(block, 8));
-    }
-}
-
-TEST(BC4BC5Entries, SignedEntriesReadThroughTheSignedView) {
-    // Unsigned 0 becomes -127 and float -1.0 becomes -127: a flat block at the bottom.
-    std::vector<uint8_t> zeros(8 * 8 * 4, 0);
-    std::vector<float> minusOnes(8 * 8 * 4, -1.0f);
-    const std::vector<uint8_t> bottom{0x81, 0x81, 0, 0, 0, 0, 0, 0};
-    for (bool fast : {true, false}) {
-        const auto fromU8 = runEntry(encodeBC4SCPU, zeros.data(), 8, kValueU8, fast, 8);
-        const auto fromF32 = runEntry(encodeBC4SCPU, minusOnes.data(), 8, kValueF32, fast, 8);
-        for (int t = 0; t < 4; ++t) {
-            EXPECT_EQ(bytes(&fromU8[8 * t], 8), bottom) << "tile " << t;
-            EXPECT_EQ(bytes(&fromF32[8 * t], 8), bottom) << "tile " << t;
+    for (uint32_t i = 0, seed = 3; i < pixels.size(); ++i)
+        seed = seed * 1664525u + 1013904223u, pixels[i] = uint8_t(((i / 4) % 8) * 25 + (seed >> 24) % 48);
+    const ImageRecord record{.data = pixels.data(), .width = 12, .height = 12};
+    const CPUInputBuffer input(&record, 1, kValueU8, 4, 4, kPerceptual[0], kPerceptual[1], kPerceptual[2], 1);
+    const CPUU8View view = dynamic_cast<const U8TileBuffer*>(input.buffer())->view();
+    ASSERT_EQ(view.tileCount, 9u);
+    const struct {
+        Entry entry;
+        const char* name;
+        int bytes;
+    } entries[] = {{encodeBC2CPU, "BC2", 16}, {encodeBC3CPU, "BC3", 16}, {encodeBC4CPU, "BC4", 8},
+                   {encodeBC5CPU, "BC5", 16}, {encodeBC4SCPU, "BC4S", 8}, {encodeBC5SCPU, "BC5S", 16}};
+    for (bool fast : {true, false})
+        for (const auto& e : entries) {
+            const bool colour = e.entry == encodeBC2CPU || e.entry == encodeBC3CPU;
+            const bool isSigned = e.entry == encodeBC4SCPU || e.entry == encodeBC5SCPU;
+            std::vector<uint8_t> out(9 * e.bytes, 0xCD);
+            e.entry(view, fast, out.data());
+            int fitsDiffer = 0, weightsMatter = 0;
+            for (uint32_t t = 0; t < 9; ++t) {
+                uint8_t bgra[64], want[16], colourFast[8], unweighted[8];
+                int8_t sbgra[64];
+                view.fetchBGRA8(t, bgra), view.fetchSignedBGRA8(t, sbgra);
+                // The interpolated block of channel c (1 green, 2 red, 3 alpha) at want + offset.
+                auto channel = [&](int c, Encoder how, int offset) {
+                    int x[16];
+                    for (int i = 0; i < 16; ++i) x[i] = isSigned ? sbgra[4 * i + c] : bgra[4 * i + c];
+                    encode(isSigned ? kSigned : kUnsigned, how, x, want + offset);
+                };
+                if (colour) {
+                    uint8_t alpha[16];
+                    for (int i = 0; i < 16; ++i) alpha[i] = bgra[4 * i + 3];
+                    e.entry == encodeBC2CPU ? encodeExplicitAlphaBlock(alpha, want) : channel(3, Encoder::Fast, 0);
+                    encodeColourBlockFast(bgra, colourFast);
+                    encodeColourBlockHighQuality(bgra, kPerceptual, want + 8);
+                    encodeColourBlockHighQuality(bgra, kUnit, unweighted);
+                    fitsDiffer += bytes(colourFast, 8) != bytes(want + 8, 8);
+                    weightsMatter += bytes(unweighted, 8) != bytes(want + 8, 8);
+                    if (fast) std::memcpy(want + 8, colourFast, 8);
+                } else {
+                    channel(2, fast ? Encoder::Fast : Encoder::HighQuality, 0);
+                    if (e.bytes == 16) channel(1, fast ? Encoder::Fast : Encoder::HighQuality, 8);
+                }
+                EXPECT_EQ(bytes(&out[t * e.bytes], e.bytes), bytes(want, e.bytes)) << e.name << " " << t << " " << fast;
+            }
+            if (colour) {
+                EXPECT_GT(fitsDiffer, 0) << "the image should tell the two colour fits apart";
+                EXPECT_GT(weightsMatter, 0) << "the image should tell weighted from unweighted fits apart";
+            }
         }
-    }
 }

@@ -8,7 +8,7 @@ BC2, BC3 colour, BC7) and by the small interpolated-block decoder below (BC3 alp
 Pillow rounds those values down and reads no signed BC4), and its container headers are parsed.
 Bad inputs give one error line, exit status 1 (2 for command-line errors) and no output file.
 """
-import argparse, io, math, os, re, struct, subprocess, sys, tempfile, unittest
+import argparse, io, math, os, re, shutil, struct, subprocess, sys, tempfile, unittest
 from pathlib import Path
 
 try:
@@ -173,9 +173,8 @@ class ToolCase(unittest.TestCase):
         cls.available = {row[0] for row in rows if len(row) >= 4 and row[3] == "available"}
 
     def setUp(self):
-        self._dir = tempfile.TemporaryDirectory(prefix="glyptora_cli_")
-        self.dir = self._dir.name
-        self.addCleanup(self._dir.cleanup)
+        self.dir = tempfile.mkdtemp(prefix="glyptora_cli_")
+        self.addCleanup(shutil.rmtree, self.dir)
 
     def path(self, name):
         return os.path.join(self.dir, name)

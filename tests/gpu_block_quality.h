@@ -67,16 +67,14 @@ inline SourceImage makeSource(int width, int height, uint32_t seed) {
             const float v = float(y) / float(height > 1 ? height - 1 : 1);
             const float edge = (x % 4) < 2 ? 0.95f : 0.05f;
             switch (((x / 8) + (y / 8) * 3) % 5) {
-                case 0: px[0] = 0.2f, px[1] = 0.6f, px[2] = 0.9f, px[3] = 1.0f; break;
-                case 1: px[0] = u, px[1] = v, px[2] = 1.0f - u, px[3] = 0.5f + 0.5f * v; break;
-                case 2:
-                    px[0] = 0.5f + 4 * noise(random), px[1] = 0.4f + 4 * noise(random), px[2] = 0.3f + noise(random);
-                    px[3] = (x + y) % 3 == 0 ? 0.0f : 1.0f;
-                    break;
-                case 3: px[0] = edge, px[1] = edge, px[2] = 1.0f - edge, px[3] = (y % 4) < 2 ? 1.0f : 0.1f; break;
-                default:
-                    px[0] = 1.1f + noise(random), px[1] = -0.1f + noise(random), px[2] = u * 1.2f - 0.1f, px[3] = v;
-                    break;
+            case 0: px[0] = 0.2f, px[1] = 0.6f, px[2] = 0.9f, px[3] = 1.0f; break;
+            case 1: px[0] = u, px[1] = v, px[2] = 1.0f - u, px[3] = 0.5f + 0.5f * v; break;
+            case 2:  // the comma operator sequences the generator's calls
+                px[0] = 0.5f + 4 * noise(random), px[1] = 0.4f + 4 * noise(random), px[2] = 0.3f + noise(random);
+                px[3] = (x + y) % 3 == 0 ? 0.0f : 1.0f;
+                break;
+            case 3: px[0] = edge, px[1] = edge, px[2] = 1.0f - edge, px[3] = (y % 4) < 2 ? 1.0f : 0.1f; break;
+            default: px[0] = 1.1f + noise(random), px[1] = -0.1f + noise(random), px[2] = u * 1.2f - 0.1f, px[3] = v;
             }
         }
     for (float v : image.f32) {
@@ -91,14 +89,12 @@ inline SourceImage makeSource(int width, int height, uint32_t seed) {
 inline std::unique_ptr<glyptora::CPUInputBuffer> makeInput(const std::vector<SourceImage>& images, int32_t valueType,
                                                            const float (&weights)[4] = {1, 1, 1, 1},
                                                            int tileSize = 4) {
-    std::vector<glyptora::ImageRecord> records(images.size());
-    for (size_t i = 0; i < images.size(); ++i) {
-        records[i].width = images[i].width;
-        records[i].height = images[i].height;
-        records[i].data = valueType == glyptora::kValueU8   ? static_cast<const void*>(images[i].u8.data())
-                          : valueType == glyptora::kValueS8 ? static_cast<const void*>(images[i].s8.data())
-                                                            : images[i].f32.data();
-    }
+    std::vector<glyptora::ImageRecord> records;
+    for (const SourceImage& i : images)
+        records.push_back({.data = valueType == glyptora::kValueU8   ? static_cast<const void*>(i.u8.data())
+                                   : valueType == glyptora::kValueS8 ? static_cast<const void*>(i.s8.data())
+                                                                     : i.f32.data(),
+                           .width = i.width, .height = i.height});
     return std::make_unique<glyptora::CPUInputBuffer>(records.data(), int(records.size()), valueType, tileSize,
                                                       tileSize, weights[0], weights[1], weights[2], weights[3]);
 }

@@ -179,13 +179,11 @@ FAKE_CUDA_API CUresult cuDeviceGet(int* device, int ordinal) {
 
 FAKE_CUDA_API CUresult cuDeviceGetAttribute(int* value, int attribute, int device) {
     if (const CUresult status = deviceStatus(device)) return status;
-    const FakeCudaDevice& d = g_config.devices[device];
-    const std::map<int, int> attributes = {
-        {13, d.clockRate}, {16, d.multiProcessorCount}, {75, d.major}, {76, d.minor}};
-    const auto found = attributes.find(attribute);
-    if (found == attributes.end()) return kInvalidValue;
-    *value = found->second;
-    return kSuccess;
+    const FakeCudaDevice& d = g_config.devices[device];  // clock rate, multiprocessors, compute capability
+    const int* found = attribute == 13 ? &d.clockRate : attribute == 16 ? &d.multiProcessorCount
+                     : attribute == 75 ? &d.major : attribute == 76 ? &d.minor : nullptr;
+    if (found) *value = *found;
+    return found ? kSuccess : kInvalidValue;
 }
 
 FAKE_CUDA_API CUresult cuDeviceTotalMem_v2(size_t* bytes, int device) {
