@@ -22,12 +22,7 @@
 #include "gpu_block_quality.h"
 
 using namespace glyptora_internal;
-using gpu_quality::caseName;
-using gpu_quality::expectedBlocks;
-using gpu_quality::gpuEncode;
-using gpu_quality::kValueTypes;
-using gpu_quality::makeInput;
-using gpu_quality::makeSource;
+using namespace gpu_quality;
 
 namespace {
 
