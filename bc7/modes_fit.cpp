@@ -1,0 +1,131 @@
+#include "bc7/modes_fit.h"
+
+#include <cfloat>
+#include <cmath>
+
+namespace BC7Modes {
+
+namespace {
+
+constexpr int kMaxSweeps = 32;
+
+float clamp255(float v) { return v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v); }
+
+// One Jacobi rotation in the (p, q) plane that zeroes a[p][q]; v collects the rotations.
+void s_Rotate(double a[4][4], double v[4][4], int n, int p, int q) {
+    const double theta = (a[q][q] - a[p][p]) / (2.0 * a[p][q]);
+    double t;
+    if (std::fabs(theta) > 1e150)
+        t = 0.5 / theta;  // theta squared would overflow
+    else
+        t = (theta >= 0.0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
+    const double c = 1.0 / std::sqrt(t * t + 1.0);
+    const double s = t * c;
+    for (int k = 0; k < n; ++k) {  // columns p and q
+        const double akp = a[k][p], akq = a[k][q];
+        a[k][p] = c * akp - s * akq;
+        a[k][q] = s * akp + c * akq;
+    }
+    for (int k = 0; k < n; ++k) {  // rows p and q
+        const double apk = a[p][k], aqk = a[q][k];
+        a[p][k] = c * apk - s * aqk;
+        a[q][k] = s * apk + c * aqk;
+    }
+    for (int k = 0; k < n; ++k) {
+        const double vkp = v[k][p], vkq = v[k][q];
+        v[k][p] = c * vkp - s * vkq;
+        v[k][q] = s * vkp + c * vkq;
+    }
+    a[p][q] = a[q][p] = 0.0;
+}
+
+}  // namespace
+
+bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
+    double a[4][4], v[4][4];
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            a[i][j] = matrix[i][j];
+            v[i][j] = i == j ? 1.0 : 0.0;
+        }
+    bool converged = false;
+    for (int sweep = 0; sweep < kMaxSweeps && !converged; ++sweep) {
+        // An off-diagonal term negligible beside its two diagonal terms counts as 0;
+        // the matrix is diagonal when every one of them is.
+        converged = true;
+        for (int p = 0; p < n; ++p)
+            for (int q = p + 1; q < n; ++q) {
+                if (a[p][q] == 0.0) continue;
+                if (std::fabs(a[p][q]) <= 1e-12 * (std::fabs(a[p][p]) + std::fabs(a[q][q]))) {
+                    a[p][q] = a[q][p] = 0.0;
+                    continue;
+                }
+                converged = false;
+                s_Rotate(a, v, n, p, q);
+            }
+    }
+    if (!converged) return false;
+    int best = 0;
+    for (int k = 1; k < n; ++k)
+        if (a[k][k] > a[best][best]) best = k;
+    for (int i = 0; i < n; ++i) axis[i] = float(v[i][best]);
+    return true;
+}
+
+void fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts) {
+    const int n = endChannel - firstChannel;
+    if (np == 0) {
+        for (int c = firstChannel; c < endChannel; ++c) endpts.A[c] = endpts.B[c] = 0.0f;
+        return;
+    }
+    if (np == 1 || np == 2) {
+        for (int c = firstChannel; c < endChannel; ++c) {
+            endpts.A[c] = clamp255(pixels[0][c]);
+            endpts.B[c] = clamp255(pixels[np - 1][c]);
+        }
+        return;
+    }
+
+    float mean[4] = {};
+    for (int i = 0; i < np; ++i)
+        for (int c = 0; c < n; ++c) mean[c] += pixels[i][firstChannel + c];
+    const float inverse = 1.0f / float(np);
+    for (int c = 0; c < n; ++c) mean[c] *= inverse;
+
+    float covariance[4][4] = {};
+    for (int i = 0; i < np; ++i) {
+        float d[4];
+        for (int c = 0; c < n; ++c) d[c] = pixels[i][firstChannel + c] - mean[c];
+        for (int r = 0; r < n; ++r)
+            for (int c = 0; c < n; ++c) covariance[r][c] += d[r] * d[c];
+    }
+    for (int r = 0; r < n; ++r)
+        for (int c = 0; c < n; ++c) covariance[r][c] *= inverse;
+
+    bool flat = true;
+    for (int c = 0; c < n; ++c) flat = flat && covariance[c][c] == 0.0f;
+    if (flat) {
+        for (int c = 0; c < n; ++c) endpts.A[firstChannel + c] = endpts.B[firstChannel + c] = clamp255(mean[c]);
+        return;
+    }
+
+    float axis[4];
+    if (!dominant_eigenvector(covariance, n, axis)) {
+        // Not settled within the sweeps: fall back on the grey diagonal.
+        for (int c = 0; c < n; ++c) axis[c] = 1.0f / std::sqrt(float(n));
+    }
+
+    float lowest = FLT_MAX, highest = -FLT_MAX;
+    for (int i = 0; i < np; ++i) {
+        float projection = 0.0f;
+        for (int c = 0; c < n; ++c) projection += (pixels[i][firstChannel + c] - mean[c]) * axis[c];
+        if (projection < lowest) lowest = projection;
+        if (projection > highest) highest = projection;
+    }
+    for (int c = 0; c < n; ++c) {
+        endpts.A[firstChannel + c] = clamp255(mean[c] + axis[c] * lowest);
+        endpts.B[firstChannel + c] = clamp255(mean[c] + axis[c] * highest);
+    }
+}
+
+}  // namespace BC7Modes

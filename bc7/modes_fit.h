@@ -1,0 +1,28 @@
+#pragma once
+// Rough endpoint fit of the BC7 mode encoders: a float endpoint pair per region
+// along the principal axis of the region's texels.
+
+namespace BC7Modes {
+
+// Float endpoints of one region, 0..255 per channel.
+struct FltEndpts {
+    float A[4] = {};
+    float B[4] = {};
+};
+
+// Fits `np` pixels in the channels [firstChannel, endChannel) of A and B (the
+// other channels are left as they are):
+// - no pixel: the channels are 0; one pixel: both endpoints on it; two
+//   pixels: one endpoint on each;
+// - otherwise the endpoints are the extremes of the pixels projected on the
+//   dominant eigenvector of their covariance, through the mean (both on the
+//   mean when every variance is exactly 0).
+// Every fitted channel is clamped to 0..255.
+void fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts);
+
+// Unit eigenvector of the largest eigenvalue of a symmetric n x n matrix
+// (n <= 4), by cyclic Jacobi rotations of at most 32 sweeps. Returns false,
+// leaving `axis` alone, when the sweeps do not converge.
+bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]);
+
+}  // namespace BC7Modes
