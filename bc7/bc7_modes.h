@@ -5,7 +5,8 @@
 //
 // One concept a file: modes_tile.h (the tile and the block entry's view of the
 // source), modes_fit.h (rough float fit, eigen-solver), modes_search.h
-// (palette scan, index assignment, endpoint optimisation), modes_refine.h
+// (palette scan, index assignment, endpoint optimisation), modes_scan.h (the
+// vectorised palette scans behind them), modes_refine.h
 // (quantisation with p-bits, anchor fix-up, refinement of one shape),
 // modes_partitioned.cpp (modes 0, 1, 2, 3, 7), modes_rotation.cpp (modes 4,
 // 5), mode6.cpp and modes_driver.cpp (the block entry and the mode order).

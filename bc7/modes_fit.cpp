@@ -11,8 +11,10 @@ constexpr int kMaxSweeps = 32;
 
 float clamp255(float v) { return v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v); }
 
-// One Jacobi rotation in the (p, q) plane that zeroes a[p][q]; v collects the rotations.
-void s_Rotate(double a[4][4], double v[4][4], int n, int p, int q) {
+// One Jacobi rotation in the (p, q) plane that zeroes a[p][q]; v collects the
+// rotations. n is the matrix size (a template parameter so that the loops unroll).
+template <int n>
+void s_Rotate(double a[4][4], double v[4][4], int p, int q) {
     const double theta = (a[q][q] - a[p][p]) / (2.0 * a[p][q]);
     double t;
     if (std::fabs(theta) > 1e150)
@@ -39,9 +41,8 @@ void s_Rotate(double a[4][4], double v[4][4], int n, int p, int q) {
     a[p][q] = a[q][p] = 0.0;
 }
 
-}  // namespace
-
-bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
+template <int n>
+bool dominant_eigenvector_n(const float matrix[4][4], float axis[4]) {
     double a[4][4], v[4][4];
     for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j) {
@@ -61,7 +62,7 @@ bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
                     continue;
                 }
                 converged = false;
-                s_Rotate(a, v, n, p, q);
+                s_Rotate<n>(a, v, p, q);
             }
     }
     if (!converged) return false;
@@ -70,6 +71,18 @@ bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
         if (a[k][k] > a[best][best]) best = k;
     for (int i = 0; i < n; ++i) axis[i] = float(v[i][best]);
     return true;
+}
+
+}  // namespace
+
+bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
+    switch (n) {
+    case 1: return dominant_eigenvector_n<1>(matrix, axis);
+    case 2: return dominant_eigenvector_n<2>(matrix, axis);
+    case 3: return dominant_eigenvector_n<3>(matrix, axis);
+    case 4: return dominant_eigenvector_n<4>(matrix, axis);
+    default: return n <= 0;  // no term to rotate: diagonal at once, `axis` left alone
+    }
 }
 
 void fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts) {

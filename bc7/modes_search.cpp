@@ -3,6 +3,7 @@
 #include <cfloat>
 
 #include "bc7/modes_assert.h"
+#include "bc7/modes_scan.h"
 #include "bc7/utils.h"
 
 namespace BC7Modes {
@@ -15,34 +16,76 @@ void copy_indices(const Segment& seg, const int from[kTexels], int to[kTexels]) 
     for (int k = 0; k < seg.count; ++k) to[seg.texel[k]] = from[seg.texel[k]];
 }
 
+// One logarithmic search of perturb_one: which endpoint it moves, the
+// endpoints (updated), the best error and the indices of its best candidate.
+struct Perturbation {
+    int which;
+    IntEndpts* endpts;
+    float best;
+    int* indices;
+};
+
+// Runs one or two searches on channel ch in step, their candidates scored
+// side by side (the searches are independent; each keeps its own order).
+// `scan` is prepared here unless `prepared`: it depends on the channels other
+// than ch only, which the searches leave alone.
+void perturb(const Segment& seg, int ch, Perturbation runs[], int count, ChannelScan& scan, bool prepared) {
+    const int prec = seg.prec[ch];
+    const int top = (1 << prec) - 1;
+    // Only channel ch changes between candidates: build the palette once
+    // (the searches differ in channel ch only).
+    ScanPalette pal;
+    build_scan_palette(seg, *runs[0].endpts, pal);
+    if (!prepared) prepare_channel_scan(seg, pal, ch, scan);
+    for (int step = 1 << (prec - 1); step >= 1; step >>= 1) {
+        // value - step, then value + step of each search.
+        Candidates cand;
+        int first[2], moves[4];
+        float beats[4];
+        for (int r = 0; r < count; ++r) {
+            const IntEndpts& e = *runs[r].endpts;
+            const int start = runs[r].which ? e.B[ch] : e.A[ch];
+            first[r] = cand.count;
+            for (int sign = -1; sign <= 1; sign += 2) {
+                const int candidate = start + sign * step;
+                if (candidate < 0 || candidate > top) continue;
+                moves[cand.count] = candidate;
+                beats[cand.count] = runs[r].best;
+                cand.add(runs[r].which ? e.A[ch] : candidate, runs[r].which ? candidate : e.B[ch]);
+            }
+        }
+        if (cand.count == 0) continue;
+        float errs[4];
+        score_candidates(seg, *runs[0].endpts, pal, scan, cand, beats, errs);
+        for (int r = 0; r < count; ++r) {
+            const int end = r + 1 < count ? first[r + 1] : cand.count;
+            int taken = -1;
+            for (int l = first[r]; l < end; ++l)
+                if (errs[l] < runs[r].best) runs[r].best = errs[l], taken = l;
+            if (taken < 0) continue;
+            IntEndpts& e = *runs[r].endpts;
+            (runs[r].which ? e.B[ch] : e.A[ch]) = moves[taken];
+            // The indices of the candidate kept (its scan was not abandoned).
+            ScanPalette kept = pal;
+            update_channel(seg, e, ch, e.A[ch], e.B[ch], kept);
+            int temp[kTexels];
+            scan_palette(seg, kept, FLT_MAX, temp);
+            copy_indices(seg, temp, runs[r].indices);
+        }
+    }
+}
+
 // Logarithmic search on channel ch of endpoint A (which == 0) or B (which == 1):
 // steps of 1 << (prec - 1) down to 1, trying value - step, then value + step,
 // each scored against the best error so far; after both, the endpoint moves by
 // the better successful step, if any. Returns the best error (`beat` when
 // nothing beat it); `indices` receive the indices of the best candidate.
-float perturb_one(const Segment& seg, int ch, int which, float beat, IntEndpts& endpts, int indices[kTexels]) {
-    const int prec = seg.prec[ch];
-    const int top = (1 << prec) - 1;
-    int& value = which ? endpts.B[ch] : endpts.A[ch];
-    float best = beat;
-    int temp[kTexels];
-    for (int step = 1 << (prec - 1); step >= 1; step >>= 1) {
-        const int start = value;
-        int moved = start;
-        for (int sign = -1; sign <= 1; sign += 2) {
-            const int candidate = start + sign * step;
-            if (candidate < 0 || candidate > top) continue;
-            value = candidate;
-            const float err = map_colors(seg, endpts, best, temp);
-            if (err < best) {
-                best = err;
-                moved = candidate;
-                copy_indices(seg, temp, indices);
-            }
-        }
-        value = moved;
-    }
-    return best;
+// `scan` as for perturb.
+float perturb_one(const Segment& seg, int ch, int which, float beat, IntEndpts& endpts, int indices[kTexels],
+                  ChannelScan& scan, bool prepared) {
+    Perturbation run{which, &endpts, beat, indices};
+    perturb(seg, ch, &run, 1, scan, prepared);
+    return run.best;
 }
 
 // Tries every pair within 3 steps of the current values of channel ch, never
@@ -57,27 +100,36 @@ void exhaustive_search(const Segment& seg, int ch, IntEndpts& endpts, float& err
     const int bmin = b0 - 3 > 0 ? b0 - 3 : 0;
     const int bmax = b0 + 3 < topB ? b0 + 3 : topB;
 
-    IntEndpts candidate = endpts;
     float best = err;
     int bestA = a0, bestB = b0;
-    int temp[kTexels];
+    ScanPalette pal;
+    build_scan_palette(seg, endpts, pal);
+    ChannelScan scan;
+    prepare_channel_scan(seg, pal, ch, scan);
+    // Candidates are scored four at a time, then taken in their order.
+    Candidates cand;
+    const auto flush = [&]() {
+        const float beats[4] = {best, best, best, best};
+        float errs[4];
+        score_candidates(seg, endpts, pal, scan, cand, beats, errs);
+        for (int l = 0; l < cand.count; ++l)
+            if (errs[l] < best) best = errs[l], bestA = cand.a[l], bestB = cand.b[l];
+        cand.count = 0;
+    };
     if (a0 <= b0) {
         for (int a = amin; a <= amax; ++a)
             for (int b = a > bmin ? a : bmin; b < bmax; ++b) {
-                candidate.A[ch] = a;
-                candidate.B[ch] = b;
-                const float e = map_colors(seg, candidate, best, temp);
-                if (e < best) best = e, bestA = a, bestB = b;
+                cand.add(a, b);
+                if (cand.count == 4) flush();
             }
     } else {
         for (int b = bmin; b < bmax; ++b)
             for (int a = b > amin ? b : amin; a <= amax; ++a) {
-                candidate.A[ch] = a;
-                candidate.B[ch] = b;
-                const float e = map_colors(seg, candidate, best, temp);
-                if (e < best) best = e, bestA = a, bestB = b;
+                cand.add(a, b);
+                if (cand.count == 4) flush();
             }
     }
+    if (cand.count > 0) flush();
     if (best < err) {
         endpts.A[ch] = bestA;
         endpts.B[ch] = bestB;
@@ -133,42 +185,15 @@ void build_palette(const Segment& seg, const FltEndpts& endpts, float palette[16
 }
 
 float map_colors(const Segment& seg, const float palette[16][4], float beat, int indices[kTexels]) {
-    const int entries = 1 << seg.indexBits;
-    // The alpha-carrying scans compare premultiplied colours while flag_premult is set.
-    const bool premultiplied = seg.alphaWithColour && flag_premult;
-    float toterr = 0.0f;
-    for (int k = 0; k < seg.count; ++k) {
-        float pixel[4];
-        for (int c = 0; c < 4; ++c) pixel[c] = seg.pixel[k][c];
-        if (premultiplied) Utils::premult(pixel);
-        float besterr = FLT_MAX;
-        int bestindex = -1;
-        for (int j = 0; j < entries; ++j) {
-            float entry[4];
-            for (int c = 0; c < 4; ++c) entry[c] = palette[j][c];
-            if (premultiplied) Utils::premult(entry);
-            const float err = Utils::pixel_error(pixel, entry) * seg.weight[k];
-            if (err > besterr) break;  // entries lie along the segment: the rest are further away
-            if (err < besterr) {
-                besterr = err;
-                bestindex = j;
-            }
-            if (besterr == 0.0f) break;
-        }
-        indices[seg.texel[k]] = bestindex;
-        toterr += besterr;
-        if (toterr > beat) {
-            for (int rest = k + 1; rest < seg.count; ++rest) indices[seg.texel[rest]] = -1;
-            return FLT_MAX;
-        }
-    }
-    return toterr;
+    ScanPalette pal;
+    to_scan_palette(seg, palette, pal);
+    return scan_palette(seg, pal, beat, indices);
 }
 
 float map_colors(const Segment& seg, const IntEndpts& endpts, float beat, int indices[kTexels]) {
-    float palette[16][4];
-    build_palette(seg, endpts, palette);
-    return map_colors(seg, palette, beat, indices);
+    ScanPalette pal;
+    build_scan_palette(seg, endpts, pal);
+    return scan_palette(seg, pal, beat, indices);
 }
 
 void assign_indices(const Segment segs[], const IntEndpts endpts[], int count, int indices[kTexels],
@@ -179,12 +204,15 @@ void assign_indices(const Segment segs[], const IntEndpts endpts[], int count, i
 float optimize_one(const Segment& seg, float orig_err, IntEndpts& endpts) {
     float opt_err = orig_err;
     int orig_indices[kTexels], new_indices[kTexels], temp_indices[kTexels];
+    ChannelScan scan;
     for (int ch = seg.firstChannel; ch < seg.endChannel; ++ch) {
         // Perturb each endpoint on its own and take the better, if it improves at all.
         IntEndpts newA = endpts, newB = endpts;
         int indicesA[kTexels], indicesB[kTexels];
-        const float errA = perturb_one(seg, ch, 0, opt_err, newA, indicesA);
-        const float errB = perturb_one(seg, ch, 1, opt_err, newB, indicesB);
+        // The two searches are independent: they run side by side.
+        Perturbation runs[2] = {{0, &newA, opt_err, indicesA}, {1, &newB, opt_err, indicesB}};
+        perturb(seg, ch, runs, 2, scan, false);
+        const float errA = runs[0].best, errB = runs[1].best;
         int do_b;
         if (errA < errB) {
             if (!(errA < opt_err)) continue;
@@ -208,7 +236,8 @@ float optimize_one(const Segment& seg, float orig_err, IntEndpts& endpts) {
         // Then alternate between the endpoints while each step improves.
         for (;;) {
             IntEndpts candidate = endpts;
-            const float err = perturb_one(seg, ch, do_b, opt_err, candidate, temp_indices);
+            // Only channel ch has changed since `scan` was prepared.
+            const float err = perturb_one(seg, ch, do_b, opt_err, candidate, temp_indices, scan, true);
             if (!(err < opt_err)) break;
             endpts = candidate;
             opt_err = err;

@@ -1,0 +1,317 @@
+#include "bc7/modes_scan.h"
+
+#include <cfloat>
+#include <cstdint>
+
+#include "bc7/utils.h"
+#include "core/vec4.h"
+
+namespace BC7Modes {
+
+namespace {
+
+constexpr int kTexels = Tile::TILE_TOTAL;
+
+using glyptora_simd::Vec4f;
+
+// Utils::unquantize of every code of the precisions 4..8 (the same integers).
+struct UnquantTable {
+    uint8_t value[9][256];
+};
+constexpr UnquantTable makeUnquantTable() {
+    UnquantTable t{};
+    for (int prec = 4; prec <= 8; ++prec)
+        for (int q = 0; q < (1 << prec); ++q) t.value[prec][q] = uint8_t((q << (8 - prec)) | (q >> (2 * prec - 8)));
+    return t;
+}
+constexpr UnquantTable kUnquant = makeUnquantTable();
+
+// decode_endpoint of a given stored value and p-bit: the table for the
+// precisions it covers, Utils::unquantize (with its checks) otherwise.
+int decode_value(const Segment& seg, int value, int pbit, int ch) {
+    int prec = seg.prec[ch];
+    if (seg.hasPBits) {
+        value = (value << 1) | pbit;
+        ++prec;
+    }
+    if (prec >= 4 && prec <= 8 && value >= 0 && value < (1 << prec)) return kUnquant.value[prec][value];
+    return Utils::unquantize(value, prec);
+}
+
+// Utils::lerp's weights of each index, for 2-, 3- and 4-bit indices.
+struct LerpWeights {
+    int a[3][16];
+    int b[3][16];
+};
+constexpr LerpWeights makeLerpWeights() {
+    LerpWeights w{};
+    for (int i = 0; i < 16; ++i) {
+        if (i < 4) w.a[0][i] = kWeights4[15 - i * 5], w.b[0][i] = kWeights4[i * 5];
+        if (i < 8) w.a[1][i] = kWeights3[7 - i], w.b[1][i] = kWeights3[i];
+        w.a[2][i] = kWeights4[15 - i], w.b[2][i] = kWeights4[i];
+    }
+    return w;
+}
+constexpr LerpWeights kLerp = makeLerpWeights();
+
+bool fast_index_bits(const Segment& seg) { return seg.indexBits >= 2 && seg.indexBits <= 4; }
+
+// Channel c of every entry: the integer interpolation of Utils::lerp.
+void set_channel(const Segment& seg, int c, int a, int b, ScanPalette& pal) {
+    const int set = seg.indexBits - 2;
+    for (int i = 0; i < pal.entries; ++i)
+        pal.value[c][i] = float((kLerp.a[set][i] * a + kLerp.b[set][i] * b + 32) >> 6);
+}
+
+// The palette scan on plain squared error (no weight flags, no
+// premultiplication): per texel and entry the very expression of
+// Utils::pixel_error times the weight, four entries computed at a time, and
+// the walk of map_colors over them (same order, same comparisons).
+float scan_plain(const Segment& seg, const ScanPalette& pal, float beat, int indices[kTexels]) {
+    float toterr = 0.0f;
+    for (int k = 0; k < seg.count; ++k) {
+        const Vec4f r(seg.pixel[k][0]), g(seg.pixel[k][1]), b(seg.pixel[k][2]), a(seg.pixel[k][3]);
+        const Vec4f w(seg.weight[k]);
+        float besterr = FLT_MAX;
+        int bestindex = -1;
+        for (int q = 0; q < pal.entries; q += 4) {
+            const Vec4f dr = r - Vec4f::load(&pal.value[0][q]);
+            const Vec4f dg = g - Vec4f::load(&pal.value[1][q]);
+            const Vec4f db = b - Vec4f::load(&pal.value[2][q]);
+            const Vec4f da = a - Vec4f::load(&pal.value[3][q]);
+            alignas(16) float err[4];
+            ((dr * dr + dg * dg + db * db + da * da) * w).store(err);
+            int j = 0;
+            for (; j < 4; ++j) {
+                if (err[j] > besterr) break;  // entries lie along the segment: the rest are further away
+                if (err[j] < besterr) {
+                    besterr = err[j];
+                    bestindex = q + j;
+                }
+                if (besterr == 0.0f) break;
+            }
+            if (j < 4) break;
+        }
+        indices[seg.texel[k]] = bestindex;
+        toterr += besterr;
+        if (toterr > beat) {
+            for (int rest = k + 1; rest < seg.count; ++rest) indices[seg.texel[rest]] = -1;
+            return FLT_MAX;
+        }
+    }
+    return toterr;
+}
+
+// The palette scan as documented, for any error measure.
+float map_colors_generic(const Segment& seg, const float palette[16][4], float beat, int indices[kTexels]) {
+    const int entries = 1 << seg.indexBits;
+    // The alpha-carrying scans compare premultiplied colours while flag_premult is set.
+    const bool premultiplied = seg.alphaWithColour && flag_premult;
+    float toterr = 0.0f;
+    for (int k = 0; k < seg.count; ++k) {
+        float pixel[4];
+        for (int c = 0; c < 4; ++c) pixel[c] = seg.pixel[k][c];
+        if (premultiplied) Utils::premult(pixel);
+        float besterr = FLT_MAX;
+        int bestindex = -1;
+        for (int j = 0; j < entries; ++j) {
+            float entry[4];
+            for (int c = 0; c < 4; ++c) entry[c] = palette[j][c];
+            if (premultiplied) Utils::premult(entry);
+            const float err = Utils::pixel_error(pixel, entry) * seg.weight[k];
+            if (err > besterr) break;  // entries lie along the segment: the rest are further away
+            if (err < besterr) {
+                besterr = err;
+                bestindex = j;
+            }
+            if (besterr == 0.0f) break;
+        }
+        indices[seg.texel[k]] = bestindex;
+        toterr += besterr;
+        if (toterr > beat) {
+            for (int rest = k + 1; rest < seg.count; ++rest) indices[seg.texel[rest]] = -1;
+            return FLT_MAX;
+        }
+    }
+    return toterr;
+}
+
+// Values within 1e15 and weights in [0, 1e6] keep every error in [0, FLT_MAX).
+bool bounded(const Segment& seg) {
+    const Vec4f bound(1e15f);
+    for (int k = 0; k < seg.count; ++k) {
+        const Vec4f pixel = Vec4f::load(seg.pixel[k]);  // NaN fails the comparison
+        if (glyptora_simd::moveMask(glyptora_simd::cmpLessEqual(glyptora_simd::abs(pixel), bound)) != 0xF) return false;
+        if (!(seg.weight[k] >= 0.0f && seg.weight[k] <= 1e6f)) return false;
+    }
+    return true;
+}
+
+// The lanes' sums of texel errors (see score_candidates), stopping once
+// every lane is beyond its beat.
+template <int Terms, int Entries>
+Vec4f sum_lanes(const Segment& seg, const ChannelScan& scan, const float value[16][4], Vec4f beat) {
+    using glyptora_simd::cmpGreater;
+    using glyptora_simd::moveMask;
+    using glyptora_simd::select;
+    const Vec4f zero(0.0f);
+    Vec4f toterr(0.0f);
+    for (int k = 0; k < seg.count; ++k) {
+        const Vec4f p(seg.pixel[k][scan.ch]), w(seg.weight[k]);
+        Vec4f besterr, last, walking = glyptora_simd::cmpLessEqual(zero, zero);
+        for (int j = 0; j < Entries; ++j) {
+            const Vec4f d = p - Vec4f::load(value[j]);
+            Vec4f sum = Vec4f::load(scan.term[k][j][0]) + d * d;
+            if (Terms > 1) sum = sum + Vec4f::load(scan.term[k][j][1]);
+            if (Terms > 2) sum = sum + Vec4f::load(scan.term[k][j][2]);
+            const Vec4f e = sum * w;
+            if (j > 0) walking = select(cmpGreater(e, last), zero, walking);
+            besterr = select(walking, e, besterr);
+            last = e;
+            if ((j & 3) == 3 && j + 1 < Entries && moveMask(walking) == 0) break;
+        }
+        toterr = toterr + besterr;
+        if (moveMask(cmpGreater(toterr, beat)) == 0xF) break;
+    }
+    return toterr;
+}
+
+}  // namespace
+
+void to_scan_palette(const Segment& seg, const float palette[16][4], ScanPalette& pal) {
+    pal.entries = 1 << seg.indexBits;
+    for (int i = 0; i < pal.entries; ++i)
+        for (int c = 0; c < 4; ++c) pal.value[c][i] = palette[i][c];
+}
+
+// build_palette of integer endpoints, channel by channel.
+void build_scan_palette(const Segment& seg, const IntEndpts& endpts, ScanPalette& pal) {
+    if (!fast_index_bits(seg)) {
+        float palette[16][4];
+        build_palette(seg, endpts, palette);
+        to_scan_palette(seg, palette, pal);
+        return;
+    }
+    pal.entries = 1 << seg.indexBits;
+    for (int c = 0; c < 4; ++c) {
+        if (c >= seg.firstChannel && c < seg.endChannel)
+            set_channel(seg, c, decode_value(seg, endpts.A[c], endpts.pbitA, c),
+                        decode_value(seg, endpts.B[c], endpts.pbitB, c), pal);
+        else
+            for (int i = 0; i < pal.entries; ++i) pal.value[c][i] = seg.fixed[c];
+    }
+}
+
+// Channel ch of the palette after endpoint values a and b of that channel.
+void update_channel(const Segment& seg, const IntEndpts& endpts, int ch, int a, int b, ScanPalette& pal) {
+    if (!fast_index_bits(seg)) {
+        IntEndpts e = endpts;
+        e.A[ch] = a;
+        e.B[ch] = b;
+        build_scan_palette(seg, e, pal);
+        return;
+    }
+    set_channel(seg, ch, decode_value(seg, a, endpts.pbitA, ch), decode_value(seg, b, endpts.pbitB, ch), pal);
+}
+
+// map_colors of a channel-major palette: the plain scan whenever the error
+// measure is plain squared error, the general scan otherwise.
+float scan_palette(const Segment& seg, const ScanPalette& pal, float beat, int indices[kTexels]) {
+    const bool plain = !flag_luma_weights && !flag_alt_luma_weights && !(seg.alphaWithColour && flag_premult);
+    if (plain && pal.entries % 4 == 0) return scan_plain(seg, pal, beat, indices);
+    float palette[16][4];
+    for (int i = 0; i < pal.entries; ++i)
+        for (int c = 0; c < 4; ++c) palette[i][c] = pal.value[c][i];
+    return map_colors_generic(seg, palette, beat, indices);
+}
+
+// The terms of every texel and entry, unless the lanes cannot be used
+// (another error measure, other index sizes or precisions, unbounded texels).
+void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, ChannelScan& scan) {
+    scan.ch = ch;
+    scan.terms = ch < 2 ? 3 : ch == 2 ? 2 : 1;
+    const int decodedPrec = seg.prec[ch] + (seg.hasPBits ? 1 : 0);
+    const bool plain = !flag_luma_weights && !flag_alt_luma_weights && !(seg.alphaWithColour && flag_premult);
+    scan.usable = plain && fast_index_bits(seg) && decodedPrec >= 4 && decodedPrec <= 8 && bounded(seg);
+    if (!scan.usable) return;
+    // Four entries at a time; each entry's terms are then spread over the lanes.
+    for (int k = 0; k < seg.count; ++k)
+        for (int q = 0; q < pal.entries; q += 4) {
+            Vec4f sq[4];
+            for (int c = 0; c < 4; ++c) {
+                const Vec4f d = Vec4f(seg.pixel[k][c]) - Vec4f::load(&pal.value[c][q]);
+                sq[c] = d * d;
+            }
+            Vec4f t[3];
+            switch (ch) {
+            case 0: t[0] = sq[1], t[1] = sq[2], t[2] = sq[3]; break;
+            case 1: t[0] = sq[0], t[1] = sq[2], t[2] = sq[3]; break;
+            case 2: t[0] = sq[0] + sq[1], t[1] = sq[3]; break;
+            default: t[0] = sq[0] + sq[1] + sq[2]; break;
+            }
+            for (int i = 0; i < scan.terms; ++i) {
+                t[i].splat<0>().store(scan.term[k][q][i]);
+                t[i].splat<1>().store(scan.term[k][q + 1][i]);
+                t[i].splat<2>().store(scan.term[k][q + 2][i]);
+                t[i].splat<3>().store(scan.term[k][q + 3][i]);
+            }
+        }
+}
+
+// Scoring candidates side by side gives the decisions of scoring them one
+// after the other: a candidate counts only when its error is below the best
+// so far, and a scan abandoned beyond a larger beat is abandoned beyond a
+// smaller one too (partial sums of non-negative errors never decrease).
+// So each lane gets map_colors' error when it is at most beat[l], FLT_MAX
+// otherwise.
+//
+// The lanes need the walk's error, not its entry. With every error in
+// [0, FLT_MAX) (ChannelScan::usable), the walk goes on while errors do not
+// grow, its running best being the last error seen; a best of 0 can only be
+// followed by 0 or a larger error, so that stop changes nothing. Otherwise
+// the candidates take the plain scans one by one.
+void score_candidates(const Segment& seg, const IntEndpts& endpts, const ScanPalette& pal, const ChannelScan& scan,
+                      const Candidates& cand, const float beat[4], float err[4]) {
+    const int ch = scan.ch;
+    if (!scan.usable) {
+        int temp[kTexels];
+        for (int l = 0; l < cand.count; ++l) {
+            ScanPalette one = pal;
+            update_channel(seg, endpts, ch, cand.a[l], cand.b[l], one);
+            err[l] = scan_palette(seg, one, beat[l], temp);
+        }
+        return;
+    }
+    // Channel ch of each lane (unused lanes repeat lane 0): Utils::lerp's
+    // integer interpolation of the decoded values, lane by lane.
+    using glyptora_simd::Vec4i;
+    const int set = seg.indexBits - 2;
+    alignas(16) int decodedA[4], decodedB[4];
+    alignas(16) float beats[4];
+    // decode_value by the table (the precision was checked by prepare_channel_scan).
+    const int shift = seg.hasPBits ? 1 : 0;
+    const uint8_t* decode = kUnquant.value[seg.prec[ch] + shift];
+    const int pbitA = shift ? endpts.pbitA : 0, pbitB = shift ? endpts.pbitB : 0;
+    for (int l = 0; l < 4; ++l) {
+        const int from = l < cand.count ? l : 0;
+        decodedA[l] = decode[(cand.a[from] << shift) | pbitA];
+        decodedB[l] = decode[(cand.b[from] << shift) | pbitB];
+        beats[l] = beat[from];
+    }
+    const Vec4i a = Vec4i::load(decodedA), b = Vec4i::load(decodedB), half(32);
+    alignas(16) float value[16][4];
+    for (int j = 0; j < pal.entries; ++j)
+        glyptora_simd::toFloat((Vec4i(kLerp.a[set][j]) * a + Vec4i(kLerp.b[set][j]) * b + half) >> 6).store(value[j]);
+
+    const Vec4f beatv = Vec4f::load(beats);
+    using Sum = Vec4f (*)(const Segment&, const ChannelScan&, const float[16][4], Vec4f);
+    static constexpr Sum kSums[3][3] = {{sum_lanes<1, 4>, sum_lanes<1, 8>, sum_lanes<1, 16>},
+                                        {sum_lanes<2, 4>, sum_lanes<2, 8>, sum_lanes<2, 16>},
+                                        {sum_lanes<3, 4>, sum_lanes<3, 8>, sum_lanes<3, 16>}};
+    const Vec4f toterr = kSums[scan.terms - 1][set](seg, scan, value, beatv);
+    alignas(16) float sums[4];
+    toterr.store(sums);
+    for (int l = 0; l < cand.count; ++l) err[l] = sums[l] > beat[l] ? FLT_MAX : sums[l];
+}
+
+}  // namespace BC7Modes
