@@ -12,6 +12,17 @@ namespace {
 
 constexpr int kTexels = Tile::TILE_TOTAL;
 
+// Records texel k's index and adds its error to the running sum; once the sum exceeds
+// `beat` the scan is abandoned and the remaining texels are marked -1 (false).
+inline bool keepTexel(const Segment& seg, int k, int bestindex, float besterr, float beat, float& toterr,
+                      int indices[kTexels]) {
+    indices[seg.texel[k]] = bestindex;
+    toterr += besterr;
+    if (!(toterr > beat)) return true;
+    for (int rest = k + 1; rest < seg.count; ++rest) indices[seg.texel[rest]] = -1;
+    return false;
+}
+
 using glyptora_simd::Vec4f;
 
 // Utils::unquantize of every code of the precisions 4..8 (the same integers).
@@ -92,12 +103,7 @@ float scan_plain(const Segment& seg, const ScanPalette& pal, float beat, int ind
             }
             if (j < 4) break;
         }
-        indices[seg.texel[k]] = bestindex;
-        toterr += besterr;
-        if (toterr > beat) {
-            for (int rest = k + 1; rest < seg.count; ++rest) indices[seg.texel[rest]] = -1;
-            return FLT_MAX;
-        }
+        if (!keepTexel(seg, k, bestindex, besterr, beat, toterr, indices)) return FLT_MAX;
     }
     return toterr;
 }
@@ -126,12 +132,7 @@ float map_colors_generic(const Segment& seg, const float palette[16][4], float b
             }
             if (besterr == 0.0f) break;
         }
-        indices[seg.texel[k]] = bestindex;
-        toterr += besterr;
-        if (toterr > beat) {
-            for (int rest = k + 1; rest < seg.count; ++rest) indices[seg.texel[rest]] = -1;
-            return FLT_MAX;
-        }
+        if (!keepTexel(seg, k, bestindex, besterr, beat, toterr, indices)) return FLT_MAX;
     }
     return toterr;
 }
