@@ -28,16 +28,20 @@ int modeArgumentFor(QualityFlag flag, int quality) {
     return quality;
 }
 
-// Counts tiles level by level, stopping as soon as the count can no longer be held.
+// Counts tiles level by level; any count above kMaxTiles comes back as kMaxTiles + 1, so
+// that no product of three 32-bit sides can wrap into a small number.
 uint64_t countTiles(const ConversionRequest& r) {
     uint64_t tiles = 0;
     for (int m = 0; m < r.levelCount && tiles <= kMaxTiles; ++m) {
         const LevelExtent e = r.level(m);
         const uint64_t across = (uint64_t(e.width) + r.format->blockWidth - 1) / uint64_t(r.format->blockWidth);
         const uint64_t down = (uint64_t(e.height) + r.format->blockHeight - 1) / uint64_t(r.format->blockHeight);
-        tiles += across * down * e.depth;
+        uint64_t level = 0;
+        if (__builtin_mul_overflow(across, down, &level) || __builtin_mul_overflow(level, uint64_t(e.depth), &level))
+            return kMaxTiles + 1;
+        tiles += level;
     }
-    return tiles;
+    return std::min(tiles, kMaxTiles + 1);
 }
 
 }  // namespace
@@ -182,17 +186,16 @@ Status decodeConversionRequest(const char* destination, const char* source, cons
     // Mip counts below 1 as signed numbers, or no depth at all, leave nothing to encode.
     r.levelCount = int32_t(mipCount) < 1 || depth == 0 ? 0 : int(mipCount);
 
-    if (width > kMaxExtent || height > kMaxExtent || depth > kMaxExtent || countTiles(r) > kMaxTiles) {
+    r.totalTiles = countTiles(r);
+    if (width > kMaxExtent || height > kMaxExtent || depth > kMaxExtent || r.totalTiles > kMaxTiles) {
         errorLine("a %ux%u texture of depth %u with %u level(s) is too large for \"%s\": at most %llu blocks and "
                   "%u pixels a side.",
                   width, height, depth, mipCount, destination, static_cast<unsigned long long>(kMaxTiles),
                   kMaxExtent);
         return Status::TooLarge;
     }
-    r.totalTiles = countTiles(r);
     for (int m = 0; m < r.levelCount; ++m) r.totalPixels += r.level(m).pixels();
     r.sourceBytes = r.totalPixels * r.bytesPerPixel();
-    r.destinationBytes = levelChainSize(geometryOf(*r.format), dimension, width, height, depth, mipCount);
     return Status::Ok;
 }
 

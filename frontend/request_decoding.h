@@ -75,7 +75,6 @@ struct ConversionRequest {
     uint64_t totalPixels = 0;     // every level's pixels
     uint64_t totalTiles = 0;      // every level's blocks
     uint64_t sourceBytes = 0;     // what the caller's source holds
-    uint64_t destinationBytes = 0;
 
     LevelExtent level(int m) const;
     uint64_t bytesPerPixel() const { return valueType == glyptora::kValueF32 ? 16 : 4; }

@@ -64,6 +64,7 @@ TEST(GlyptoraConvert, ImpossibleSizesFailWithOneLine) {
         {12, 4, 1431655766u, 1},     // 3 blocks a layer: wraps to 2
         {0x80000000u, 4, 1, 1},      // wider than a signed 32-bit extent
         {65536, 65536, 1, 0x7FFFFFFFu},  // 1x1 levels beyond the chain push the count past 2^31 - 1
+        {1u << 19, 1u << 19, 1u << 30, 1},  // 2^34 blocks a layer x 2^30 layers wraps 64 bits to 0
     };
     for (const auto& c : cases) {
         testing::internal::CaptureStderr();
