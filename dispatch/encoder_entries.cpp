@@ -81,9 +81,8 @@ bool runEncoderEntry(const EncoderEntry& entry, const CPUInputBuffer& input, int
     glyptora::ScopedTimer timer(timing, entry.cpuTimerLabel);
     if (!acceptsTiles(entry, *buffer, modeArgument) || !entry.cpu) return false;
     EncoderMode mode;
-    mode.fast = entry.quality == QualityFlag::Fast ? modeArgument != 0 : entry.quality == QualityFlag::Slow
-                                                                            ? modeArgument == 0
-                                                                            : false;
+    // BC1-BC3 take the fast flag as it is; BC4-BC7 take the negation of their slow flag.
+    if (entry.quality != QualityFlag::Level) mode.fast = (entry.quality == QualityFlag::Fast) == (modeArgument != 0);
     mode.level = modeArgument;
     mode.isSigned = isSigned;
     mode.imageHasAlpha = imageHasAlpha;

@@ -4,9 +4,9 @@
 #include <vector>
 
 #include "core/cpu_input_buffer.h"
+#include "core/timing_context.h"
 #include "dispatch/encoder_entries.h"
 #include "gpu/gpu_work_split.h"
-#include "core/timing_context.h"
 
 using namespace glyptora;
 using namespace glyptora_internal;
@@ -24,75 +24,60 @@ struct Image {
     }
 };
 
-template <typename Call>
-std::string captured(Call&& call) {
+// Runs an entry on the CPU or with the GPU asked for; returns what it printed.
+std::string run(const EncoderEntry& entry, const CPUInputBuffer& input, int mode, void* out, bool gpu,
+                TimingContext* timing = nullptr) {
     testing::internal::CaptureStdout();
-    call();
+    runEncoderEntry(entry, input, mode, false, false, out, gpu, false, timing);
     return testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
 
-TEST(EncoderDispatch, FastGpuRequestPrintsTheFallbackOnceAndGivesTheCpuResult) {
+TEST(EncoderDispatch, GpuRequestsInTheModeWithoutGpuPrintTheirNoticeOnceAndRunOnTheCpu) {
     Image image(9, 6);
     CPUInputBuffer input(&image.record, 1, kValueU8, 4, 4, 1, 1, 1, 1);
-    std::vector<uint8_t> viaGpuRequest(6 * 8), cpu(6 * 8);
-    const std::string out = captured([&] { encodeBC1a(input, true, viaGpuRequest.data(), true, false, nullptr); });
-    EXPECT_EQ(out, "BC1a Compressor: no fast-mode for bc1a-gpu, using cpu instead.\n");
-    EXPECT_EQ(captured([&] { encodeBC1a(input, true, cpu.data(), false, false, nullptr); }), "");
+    std::vector<uint8_t> viaGpuRequest(6 * 16), cpu(6 * 16);
+    EXPECT_EQ(run(format_table::kBC1a, input, true, viaGpuRequest.data(), true),
+              "BC1a Compressor: no fast-mode for bc1a-gpu, using cpu instead.\n");
+    EXPECT_EQ(run(format_table::kBC1a, input, true, cpu.data(), false), "");
     EXPECT_EQ(viaGpuRequest, cpu);
+
+    const std::pair<const EncoderEntry*, const char*> notices[] = {
+        {&format_table::kBC4, "BC4 Compressor: no production-mode for bc4-gpu, using cpu instead.\n"},
+        {&format_table::kBC4S, "BC4S Compressor: no production-mode for bc4s-gpu, using cpu instead.\n"},
+        {&format_table::kBC5, "BC5 Compressor: no production-mode for bc5-gpu, using cpu instead.\n"},
+        {&format_table::kBC5S, "BC5S Compressor: no production-mode for bc5-gpu, using cpu instead.\n"},
+        {&format_table::kBC7, "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n"},
+        {&format_table::kBC2, "BC2 Compressor: no fast-mode for bc2-gpu, using cpu instead.\n"},
+        {&format_table::kBC3, "BC3 Compressor: no fast-mode for bc3-gpu, using cpu instead.\n"}};
+    for (const auto& [entry, notice] : notices) EXPECT_EQ(run(*entry, input, true, cpu.data(), true), notice);
 }
 
-TEST(EncoderDispatch, SlowGpuRequestsPrintTheirOwnNotices) {
-    Image image(4, 4);
-    CPUInputBuffer input(&image.record, 1, kValueU8, 4, 4, 1, 1, 1, 1);
-    std::vector<uint8_t> out(16);
-    EXPECT_EQ(captured([&] { encodeBC4(input, true, out.data(), true, false, nullptr); }),
-              "BC4 Compressor: no production-mode for bc4-gpu, using cpu instead.\n");
-    EXPECT_EQ(captured([&] { encodeBC4S(input, true, out.data(), true, false, nullptr); }),
-              "BC4S Compressor: no production-mode for bc4s-gpu, using cpu instead.\n");
-    EXPECT_EQ(captured([&] { encodeBC5(input, true, out.data(), true, false, nullptr); }),
-              "BC5 Compressor: no production-mode for bc5-gpu, using cpu instead.\n");
-    EXPECT_EQ(captured([&] { encodeBC5S(input, true, out.data(), true, false, nullptr); }),
-              "BC5S Compressor: no production-mode for bc5-gpu, using cpu instead.\n");
-    EXPECT_EQ(captured([&] { encodeBC7(input, true, false, out.data(), true, false, nullptr); }),
-              "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n");
-    EXPECT_EQ(captured([&] { encodeBC2(input, true, out.data(), true, false, nullptr); }),
-              "BC2 Compressor: no fast-mode for bc2-gpu, using cpu instead.\n");
-    EXPECT_EQ(captured([&] { encodeBC3(input, true, out.data(), true, false, nullptr); }),
-              "BC3 Compressor: no fast-mode for bc3-gpu, using cpu instead.\n");
-}
-
-TEST(EncoderDispatch, WrongTileSizeIsRefusedAndLeavesTheOutputUntouched) {
+TEST(EncoderDispatch, WrongTileSizeOrLevelIsRefusedAndLeavesTheOutputUntouched) {
     Image image(16, 16);
-    CPUInputBuffer input(&image.record, 1, kValueU8, 8, 8, 1, 1, 1, 1);
-    std::vector<uint8_t> out(4 * 16, 0x5A);
-    EXPECT_EQ(captured([&] { encodeBC7(input, false, false, out.data(), false, false, nullptr); }),
-              "BC7 Compressor: only tile size 4x4 is supported.\n");
-    EXPECT_EQ(captured([&] { encodeBC1a(input, false, out.data(), false, false, nullptr); }),
-              "BC1a Compressor: only tile size 4x4 is supported.\n");
-    EXPECT_EQ(captured([&] { encodeBC5S(input, false, out.data(), false, false, nullptr); }),
-              "BC5S Compressor: only tile size 4x4 is supported.\n");
-    for (uint8_t b : out) ASSERT_EQ(b, 0x5A);
-}
-
-TEST(EncoderDispatch, AstcChecksFootprintAndLevel) {
-    Image image(12, 12);
+    CPUInputBuffer eightByEight(&image.record, 1, kValueU8, 8, 8, 1, 1, 1, 1);
     CPUInputBuffer sixBySix(&image.record, 1, kValueU8, 6, 6, 1, 1, 1, 1);
     CPUInputBuffer threeByThree(&image.record, 1, kValueU8, 3, 3, 1, 1, 1, 1);
-    std::vector<uint8_t> out(16 * 16, 0x11);
-    EXPECT_EQ(captured([&] { encodeASTC(sixBySix, 4, false, out.data(), false, false, nullptr); }),
+    std::vector<uint8_t> out(16 * 16, 0x5A);
+    EXPECT_EQ(run(format_table::kBC7, eightByEight, false, out.data(), false),
+              "BC7 Compressor: only tile size 4x4 is supported.\n");
+    EXPECT_EQ(run(format_table::kBC1a, eightByEight, false, out.data(), false),
+              "BC1a Compressor: only tile size 4x4 is supported.\n");
+    EXPECT_EQ(run(format_table::kBC5S, eightByEight, false, out.data(), false),
+              "BC5S Compressor: only tile size 4x4 is supported.\n");
+    EXPECT_EQ(run(format_table::kASTC, sixBySix, 4, out.data(), false),
               "Level 4 not supported. Supported levels are 0,1,2,3\n");
-    EXPECT_EQ(captured([&] { encodeASTC(threeByThree, 1, false, out.data(), false, false, nullptr); }),
+    EXPECT_EQ(run(format_table::kASTC, threeByThree, 1, out.data(), false),
               "ASTC Compressor: tile size 3x3 not supported.\n");
-    for (uint8_t b : out) ASSERT_EQ(b, 0x11);
+    for (uint8_t b : out) ASSERT_EQ(b, 0x5A);
 }
 
 TEST(EncoderDispatch, ZeroTilesWriteNothingAndEveryValueTypeIsRouted) {
     CPUInputBuffer empty(nullptr, 0, kValueU8, 4, 4, 1, 1, 1, 1);
     EXPECT_EQ(empty.tileCount(), 0u);
     uint8_t guard = 0x77;
-    EXPECT_EQ(captured([&] { encodeBC3(empty, false, &guard, false, false, nullptr); }), "");
+    EXPECT_EQ(run(format_table::kBC3, empty, false, &guard, false), "");
     EXPECT_EQ(guard, 0x77);
 
     // The same image as unsigned, signed and float buffers: every type produces blocks.
@@ -108,7 +93,7 @@ TEST(EncoderDispatch, ZeroTilesWriteNothingAndEveryValueTypeIsRouted) {
         CPUInputBuffer input(&r, 1, type, 4, 4, 1, 1, 1, 1);
         std::vector<uint8_t> out(8, 0xAB);
         TimingContext timing;
-        EXPECT_TRUE(encodeBC4(input, false, out.data(), false, false, &timing));
+        EXPECT_TRUE(runEncoderEntry(format_table::kBC4, input, false, false, false, out.data(), false, false, &timing));
         EXPECT_NE(out, std::vector<uint8_t>(8, 0xAB)) << type;
         ASSERT_EQ(timing.entries().size(), 1u);
         EXPECT_EQ(timing.entries()[0].label, "encode_bc4_cpu()");

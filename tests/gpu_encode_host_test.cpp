@@ -172,7 +172,8 @@ TEST_F(GpuEncodeHostTest, ModesAndFormatsWithoutKernelsStayOffTheGpu) {
     auto input = makeInput(oddSizedImages(), glyptora::kValueU8);
     std::vector<uint8_t> out(size_t(input->tileCount()) * 16, 0);
     testing::internal::CaptureStdout();  // the fall-back notices: encoder_dispatch_test
-    EXPECT_TRUE(encodeBC1a(*input, /*fast=*/true, out.data(), true, false, nullptr));
+    EXPECT_TRUE(
+        runEncoderEntry(format_table::kBC1a, *input, /*fast=*/true, false, false, out.data(), true, false, nullptr));
     for (const EncoderEntry* entry : {&format_table::kBC6H, &format_table::kBC7, &format_table::kASTC})
         runEncoderEntry(*entry, *input, 0, false, false, out.data(), true, false, nullptr);
     EXPECT_EQ(fake_cuda().counters.launches, 0);
@@ -184,11 +185,12 @@ TEST_F(GpuEncodeHostTest, ModesAndFormatsWithoutKernelsStayOffTheGpu) {
     const size_t bytes = size_t(input->tileCount()) * 8;
     cuda::CUdeviceptr device = 0;
     ASSERT_EQ(api.cuMemAlloc(&device, bytes), cuda::kSuccess);
-    EXPECT_TRUE(encodeBC4(*input, /*slow=*/true, reinterpret_cast<void*>(uintptr_t(device)), true, true, nullptr));
+    EXPECT_TRUE(runEncoderEntry(format_table::kBC4, *input, /*slow=*/true, false, false,
+                                reinterpret_cast<void*>(uintptr_t(device)), true, true, nullptr));
     testing::internal::GetCapturedStdout();
     std::vector<uint8_t> onDevice(bytes), onHost(bytes);
     ASSERT_EQ(api.cuMemcpyDtoH(onDevice.data(), device, bytes), cuda::kSuccess);
-    EXPECT_TRUE(encodeBC4(*input, true, onHost.data(), false, false, nullptr));
+    EXPECT_TRUE(runEncoderEntry(format_table::kBC4, *input, true, false, false, onHost.data(), false, false, nullptr));
     EXPECT_EQ(onDevice, onHost);
     EXPECT_EQ(fake_cuda().counters.launches, 0);
     api.cuMemFree(device);
