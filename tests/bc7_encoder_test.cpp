@@ -18,9 +18,10 @@
 #include "bc7/bc7_fast.h"
 #include "bc7/bc7_tables.h"
 #include "core/cpu_views.h"
-#include "bc7_pillow.h"
+#include "bc7_test_support.h"
 
 using namespace glyptora_bc7;
+using bc7_test::decodedError;
 
 namespace {
 
@@ -63,23 +64,6 @@ void twoRamps(float tex[64], float alpha) {
             }
             t[3] = alpha;
         }
-}
-
-// Squared RGBA error (0..255 scale) of a decoded block over the valid texels.
-double decodedError(const uint8_t block[16], const float tex[64], uint16_t region) {
-    uint8_t rgba[64];
-    decodeBC7Block(block, rgba);
-    const int w = region & 0xFF, h = region >> 8;
-    double err = 0.0;
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 4; ++c) {
-                float v = tex[(y * 4 + x) * 4 + c];
-                v = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;
-                const double d = double(rgba[(y * 4 + x) * 4 + c]) - double(v * 255.0f);
-                err += d * d;
-            }
-    return err;
 }
 
 std::vector<BC7ForcedChoice> everyChoice() {
@@ -148,7 +132,7 @@ TEST(BC7Blocks, ForcedAndDriverBlocksDecodeToTheirOwnErrorAndAsPillowDoes) {
         labels.push_back("driver block " + std::to_string(i));
     }
 
-    bc7_pillow::expectPillowDecodesAsWeDo(blocks, labels);
+    bc7_test::expectPillowDecodesAsWeDo(blocks, labels);
 }
 
 TEST(BC7Driver, OpaqueBlocksMayUseEveryModeTranslucentOnesOnlyFourToSeven) {

@@ -16,9 +16,10 @@
 #include "bc7/modes_assert.h"
 #include "bc7/modes_layout.h"
 #include "core/assert.h"
-#include "bc7_pillow.h"
+#include "bc7_test_support.h"
 
 using namespace glyptora_bc7;
+using bc7_test::decodedError;
 
 namespace {
 
@@ -103,22 +104,6 @@ std::vector<Sample> sampleSet(uint32_t seed, int perSet) {
     return set;
 }
 
-// Squared RGBA error (0..255 scale) of a decoded block over the valid texels.
-double decodedError(const uint8_t block[16], const float tex[64], uint16_t region) {
-    uint8_t rgba[64];
-    decodeBC7Block(block, rgba);
-    double err = 0.0;
-    for (int y = 0; y < (region >> 8); ++y)
-        for (int x = 0; x < (region & 0xFF); ++x)
-            for (int c = 0; c < 4; ++c) {
-                float v = tex[(y * 4 + x) * 4 + c];
-                v = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;
-                const double d = double(rgba[(y * 4 + x) * 4 + c]) - double(v * 255.0f);
-                err += d * d;
-            }
-    return err;
-}
-
 // Encodes a sample as the driver or the forced mode does; returns the reported error.
 float encode(const Sample& s, uint8_t block[16], BC7Modes::ModeTrace& trace) {
     if (s.forcedMode >= 0) return encodeBC7Mode(s.forcedMode, BC7Modes::makeTile(s.tex, s.region), block);
@@ -161,7 +146,7 @@ TEST(BC7ModeBlocks, DecodeToTheirReportedErrorAndAsPillowDoes) {
     }
     EXPECT_EQ(checks.calls, 0) << checks.file << ": " << checks.expression << " in " << checks.function;
     EXPECT_GT(kept[0] + kept[1] + kept[2] + kept[3], 0);  // opaque blocks reach modes 0 to 3
-    bc7_pillow::expectPillowDecodesAsWeDo(blocks, labels);
+    bc7_test::expectPillowDecodesAsWeDo(blocks, labels);
 }
 
 TEST(BC7ModeDriver, AlphaDecidesWhetherModesZeroToThreeAreTried) {

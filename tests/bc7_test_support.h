@@ -1,7 +1,7 @@
 #pragma once
-// Checks BC7 blocks against Pillow, an independent decoder: the blocks go into a DX10 DDS
-// with our decoder's pixels beside it, and tests/bc7_pillow_check.py compares the two and
-// names any differing block by its label.
+// What the BC7 tests share: the squared error of a decoded block, and the check against
+// Pillow, an independent decoder: the blocks go into a DX10 DDS with our decoder's pixels
+// beside it, and tests/bc7_pillow_check.py compares the two and names any differing block.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,7 +12,24 @@
 
 #include "bc7/bc7_decoder.h"
 
-namespace bc7_pillow {
+namespace bc7_test {
+
+// Squared RGBA error (0..255 scale) of the decoded block over the valid texels of `region`
+// (width in the low byte, height in the high byte); texels clamp to [0, 1] as encoders do.
+inline double decodedError(const uint8_t block[16], const float tex[64], uint16_t region) {
+    uint8_t rgba[64];
+    glyptora_bc7::decodeBC7Block(block, rgba);
+    double err = 0.0;
+    for (int y = 0; y < (region >> 8); ++y)
+        for (int x = 0; x < (region & 0xFF); ++x)
+            for (int c = 0; c < 4; ++c) {
+                float v = tex[(y * 4 + x) * 4 + c];
+                v = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;
+                const double d = double(rgba[(y * 4 + x) * 4 + c]) - double(v * 255.0f);
+                err += d * d;
+            }
+    return err;
+}
 
 inline std::string findPythonWithPillow() {
     const char* env = std::getenv("GLYPTORA_PYTHON");
@@ -61,4 +78,4 @@ inline void expectPillowDecodesAsWeDo(std::vector<uint8_t> blocks, const std::ve
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
 }
 
-}  // namespace bc7_pillow
+}  // namespace bc7_test
