@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
+#include <optional>
+#include <string>
 
 #include "frontend/request_decoding.h"
 
@@ -8,25 +11,15 @@ using namespace glyptora_internal;
 
 namespace {
 
-// Sets an environment variable for one scope and restores the previous state.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : m_name(name) {
-        const char* old = std::getenv(name);
-        m_had = old != nullptr;
-        if (old) m_old = old;
-        if (value) setenv(name, value, 1);
-        else unsetenv(name);
+// Sets an environment variable (unsets it for nullptr) for one scope, then restores the previous state.
+struct ScopedEnv {
+    const char* name;
+    std::optional<std::string> old;
+    ScopedEnv(const char* n, const char* value) : name(n) {
+        if (const char* o = std::getenv(n)) old = o;
+        value ? setenv(n, value, 1) : unsetenv(n);
     }
-    ~ScopedEnv() {
-        if (m_had) setenv(m_name, m_old.c_str(), 1);
-        else unsetenv(m_name);
-    }
-
-private:
-    const char* m_name;
-    bool m_had = false;
-    std::string m_old;
+    ~ScopedEnv() { old ? setenv(name, old->c_str(), 1) : unsetenv(name); }
 };
 
 const FormatRow& row(const char* destination) { return *decodeDestination(destination); }
@@ -72,10 +65,8 @@ TEST(FormatDecoding, TableRowsAndTheirGeometry) {
     for (const char* word : {"unorm_bc1", "srgb_bc1", "unorm_bc4", "snorm_bc4"})
         EXPECT_EQ(findFormatRow(word)->blockBytes(), 8) << word;
     EXPECT_EQ(findFormatRow("unorm_bc7")->blockBytes(), 16);
-    EXPECT_EQ(formatRowForCode(29)->blockWidth, 12);
-    EXPECT_EQ(formatRowForCode(29)->blockHeight, 10);
-    EXPECT_EQ(formatRowForCode(22)->blockWidth, 8);
-    EXPECT_EQ(formatRowForCode(22)->blockHeight, 5);
+    for (auto [code, w, h] : {std::array{29, 12, 10}, std::array{22, 8, 5}})
+        EXPECT_EQ(std::pair(int(formatRowForCode(code)->blockWidth), int(formatRowForCode(code)->blockHeight)), std::pair(w, h));
 }
 
 TEST(SizeRule, ExamplesAndLevelChains) {
@@ -95,49 +86,35 @@ TEST(SizeRule, ExamplesAndLevelChains) {
 }
 
 TEST(SourceFormat, AcceptedNamesAndValueTypes) {
-    EXPECT_TRUE(isAcceptedSourceFormat("unorm_8_8_8_8"));
-    EXPECT_TRUE(isAcceptedSourceFormat("snorm_8_8_8_8"));
-    EXPECT_TRUE(isAcceptedSourceFormat("srgb_8_8_8_8"));
-    EXPECT_TRUE(isAcceptedSourceFormat("float_32_32_32_32"));
+    for (const char* name : {"unorm_8_8_8_8", "snorm_8_8_8_8", "srgb_8_8_8_8", "float_32_32_32_32"})
+        EXPECT_TRUE(isAcceptedSourceFormat(name)) << name;
     EXPECT_FALSE(isAcceptedSourceFormat("ufloat_32_32_32_32"));
     EXPECT_FALSE(isAcceptedSourceFormat("unorm_8_8_8_8 "));
-    EXPECT_EQ(decodeValueType("unorm_8_8_8_8"), glyptora::kValueU8);
-    EXPECT_EQ(decodeValueType("srgb_8_8_8_8"), glyptora::kValueU8);
-    EXPECT_EQ(decodeValueType("snorm_8_8_8_8"), glyptora::kValueS8);
-    EXPECT_EQ(decodeValueType("float_32_32_32_32"), glyptora::kValueF32);
-    EXPECT_EQ(decodeValueType("ufloat_16"), glyptora::kValueF32);
+    const std::pair<const char*, int32_t> types[] = {{"unorm_8_8_8_8", glyptora::kValueU8},
+        {"srgb_8_8_8_8", glyptora::kValueU8}, {"snorm_8_8_8_8", glyptora::kValueS8},
+        {"float_32_32_32_32", glyptora::kValueF32}, {"ufloat_16", glyptora::kValueF32}};
+    for (const auto& [name, type] : types) EXPECT_EQ(decodeValueType(name), type) << name;
 }
 
 TEST(QualityDecoding, WordsNumbersAndAstcOffset) {
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "fastest"), 0);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "normal"), 1);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "production"), 2);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "highest"), 3);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "highest perceptual"), 3);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "Highest"), 1);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), ""), 1);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "perceptual"), 1);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "0"), 0);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "2"), 2);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "7"), 3);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "99999999999999999999"), 3);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "-1"), 1);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_bc7"), "2fast"), 2);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), ""), 2);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), "0"), 1);
-    EXPECT_EQ(decodeQualityLevel(row("srgb_astc_6x6"), "2"), 3);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), "fastest"), 0);
-    EXPECT_EQ(decodeQualityLevel(row("unorm_astc_6x6"), "highest"), 3);
+    const struct {
+        const char *format, *words;
+        int level;
+    } cases[] = {{"unorm_bc7", "fastest", 0}, {"unorm_bc7", "normal", 1}, {"unorm_bc7", "production", 2},
+                 {"unorm_bc7", "highest", 3}, {"unorm_bc7", "highest perceptual", 3}, {"unorm_bc7", "Highest", 1},
+                 {"unorm_bc7", "", 1}, {"unorm_bc7", "perceptual", 1}, {"unorm_bc7", "0", 0}, {"unorm_bc7", "2", 2},
+                 {"unorm_bc7", "7", 3}, {"unorm_bc7", "99999999999999999999", 3}, {"unorm_bc7", "-1", 1},
+                 {"unorm_bc7", "2fast", 2}, {"unorm_astc_6x6", "", 2}, {"unorm_astc_6x6", "0", 1},
+                 {"srgb_astc_6x6", "2", 3}, {"unorm_astc_6x6", "fastest", 0}, {"unorm_astc_6x6", "highest", 3}};
+    for (const auto& c : cases) EXPECT_EQ(decodeQualityLevel(row(c.format), c.words), c.level) << c.format << " " << c.words;
 }
 
 TEST(ChannelWeights, PerceptualOnlyForTheSixColourNames) {
     float w[4];
     for (const char* name : {"unorm_bc1", "unorm_bc2", "unorm_bc3", "srgb_bc1", "srgb_bc2", "srgb_bc3"}) {
         weightsFor(name, "normal perceptual", 0, w);
-        EXPECT_FLOAT_EQ(w[0], 0.2126f) << name;
-        EXPECT_FLOAT_EQ(w[1], 0.7152f);
-        EXPECT_FLOAT_EQ(w[2], 0.0722f);
-        EXPECT_FLOAT_EQ(w[3], 1.0f);
+        const float perceptual[4] = {0.2126f, 0.7152f, 0.0722f, 1.0f};
+        for (int c = 0; c < 4; ++c) EXPECT_FLOAT_EQ(w[c], perceptual[c]) << name << " " << c;
     }
     for (const char* name : {"snorm_bc1", "unorm_bc7", "unorm_bc4"}) {
         weightsFor(name, "perceptual", 0, w);
@@ -148,54 +125,44 @@ TEST(ChannelWeights, PerceptualOnlyForTheSixColourNames) {
     EXPECT_FLOAT_EQ(w[1], 1.0f);
 }
 
+// The alpha weight of ASTC rows (4x4 and luminance-alpha left out) and its environment override;
+// values that are not positive numbers keep the default.
 TEST(ChannelWeights, AstcAlphaWeightAndEnvironment) {
-    float w[4];
-    {
-        ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", nullptr);
-        weightsFor("unorm_astc_6x6", "", 0, w);
-        EXPECT_FLOAT_EQ(w[3], 2.0f);
-        EXPECT_FLOAT_EQ(w[0], 1.0f);
-        weightsFor("unorm_astc_4x4", "", 0, w);  // 4x4 is left out
-        EXPECT_FLOAT_EQ(w[3], 1.0f);
-        weightsFor("unorm_astc_12x12", "", kFlagLuminanceAlpha, w);
-        EXPECT_FLOAT_EQ(w[3], 1.0f);
-        weightsFor("unorm_astc_12x12", "perceptual", 0, w);
-        EXPECT_FLOAT_EQ(w[0], 1.0f);
-        EXPECT_FLOAT_EQ(w[3], 2.0f);
-    }
-    {
-        ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", "3.5");
-        weightsFor("unorm_astc_5x4", "", 0, w);
-        EXPECT_FLOAT_EQ(w[3], 3.5f);
-    }
-    for (const char* kept : {"-1", "0", "", "abc"}) {
-        ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", kept);
-        weightsFor("unorm_astc_8x8", "", 0, w);
-        EXPECT_FLOAT_EQ(w[3], 2.0f) << kept;
+    const struct {
+        const char *env, *format, *options;
+        uint32_t flags;
+        int channel;
+        float weight;
+    } cases[] = {{nullptr, "unorm_astc_6x6", "", 0, 3, 2}, {nullptr, "unorm_astc_6x6", "", 0, 0, 1},
+                 {nullptr, "unorm_astc_4x4", "", 0, 3, 1}, {nullptr, "unorm_astc_12x12", "", kFlagLuminanceAlpha, 3, 1},
+                 {nullptr, "unorm_astc_12x12", "perceptual", 0, 0, 1}, {nullptr, "unorm_astc_12x12", "perceptual", 0, 3, 2},
+                 {"3.5", "unorm_astc_5x4", "", 0, 3, 3.5f}, {"-1", "unorm_astc_8x8", "", 0, 3, 2},
+                 {"0", "unorm_astc_8x8", "", 0, 3, 2}, {"", "unorm_astc_8x8", "", 0, 3, 2}, {"abc", "unorm_astc_8x8", "", 0, 3, 2}};
+    for (const auto& c : cases) {
+        ScopedEnv env("HALVORAN_GLYPTORA_ASTC_WEIGHT_A", c.env);
+        float w[4];
+        weightsFor(c.format, c.options, c.flags, w);
+        EXPECT_FLOAT_EQ(w[c.channel], c.weight) << (c.env ? c.env : "unset") << " " << c.format << " " << c.channel;
     }
 }
 
+// Without GPU_ENCODING_AUTO=1, asking for the GPU without a usable one fails unless the fallback
+// flag is set; the fallback flag alone asks for nothing. `use` -1: not checked.
 TEST(GpuChoice, FallbackFlagAndEnvironment) {
-    bool useGpu = true;
-    {
-        ScopedEnv env("HALVORAN_GLYPTORA_GPU_ENCODING_AUTO", nullptr);
-        EXPECT_TRUE(resolveGpuChoice(0, false, &useGpu));
-        EXPECT_FALSE(useGpu);
-        EXPECT_FALSE(resolveGpuChoice(kFlagGpu, false, &useGpu));
-        EXPECT_TRUE(resolveGpuChoice(kFlagGpu | kFlagGpuFallback, false, &useGpu));
-        EXPECT_FALSE(useGpu);
-        EXPECT_TRUE(resolveGpuChoice(kFlagGpu, true, &useGpu));
-        EXPECT_TRUE(useGpu);
-        EXPECT_TRUE(resolveGpuChoice(kFlagGpuFallback, false, &useGpu));  // 64 alone asks for nothing
-        EXPECT_FALSE(useGpu);
-    }
-    {
-        ScopedEnv env("HALVORAN_GLYPTORA_GPU_ENCODING_AUTO", "1");
-        EXPECT_TRUE(resolveGpuChoice(kFlagGpu, false, &useGpu));
-        EXPECT_FALSE(useGpu);
-    }
-    for (const char* value : {"0", "true", "1 ", ""}) {
-        ScopedEnv env("HALVORAN_GLYPTORA_GPU_ENCODING_AUTO", value);
-        EXPECT_FALSE(resolveGpuChoice(kFlagGpu, false, &useGpu)) << value;
+    const struct {
+        const char* env;
+        uint32_t flags;
+        bool available, ok;
+        int use;
+    } cases[] = {{nullptr, 0, false, true, 0}, {nullptr, kFlagGpu, false, false, -1},
+                 {nullptr, kFlagGpu | kFlagGpuFallback, false, true, 0}, {nullptr, kFlagGpu, true, true, 1},
+                 {nullptr, kFlagGpuFallback, false, true, 0}, {"1", kFlagGpu, false, true, 0},
+                 {"0", kFlagGpu, false, false, -1}, {"true", kFlagGpu, false, false, -1},
+                 {"1 ", kFlagGpu, false, false, -1}, {"", kFlagGpu, false, false, -1}};
+    for (const auto& c : cases) {
+        ScopedEnv env("HALVORAN_GLYPTORA_GPU_ENCODING_AUTO", c.env);
+        bool useGpu = c.use != 1;  // the opposite of what must be written
+        EXPECT_EQ(resolveGpuChoice(c.flags, c.available, &useGpu), c.ok) << (c.env ? c.env : "unset") << " " << c.flags;
+        if (c.use >= 0) EXPECT_EQ(useGpu, c.use == 1) << (c.env ? c.env : "unset") << " " << c.flags;
     }
 }
