@@ -3,3 +3,9 @@ if(TARGET glyptora_tools_support)
   add_executable(glyptora_bench ${CMAKE_CURRENT_LIST_DIR}/glyptora_bench.cpp)
   target_link_libraries(glyptora_bench PRIVATE glyptora_tools_support glyptora_core)
 endif()
+
+# glyptora_bc7_modes_bench: single-thread speed and block hash of the BC7 mode search.
+if(TARGET glyptora_tools_support)
+  add_executable(glyptora_bc7_modes_bench ${CMAKE_CURRENT_LIST_DIR}/bc7_modes_bench.cpp)
+  target_link_libraries(glyptora_bc7_modes_bench PRIVATE glyptora_tools_support glyptora_core)
+endif()
