@@ -28,6 +28,11 @@ float encode_mode5(const Tile& tile, uint8_t out[16]);
 float encode_mode6(const Tile& tile, uint8_t out[16]);
 float encode_mode7(const Tile& tile, uint8_t out[16]);
 
+// Mode 0, 1, 2, 3 or 7 as above, taking the regions' rough fits from `fits`
+// (and adding those it makes): the mode driver shares them across modes.
+class RegionFits;
+float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits& fits);
+
 // What the mode driver did: each mode's error (FLT_MAX when not tried) and
 // the mode whose block was kept (-1 when none produced a block).
 struct ModeTrace {

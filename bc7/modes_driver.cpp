@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "bc7/bc7_modes.h"
+#include "bc7/modes_refine.h"
 #include "bc7/utils.h"
 
 namespace BC7Modes {
@@ -21,9 +22,11 @@ float encode_modes(const Tile& tile, uint8_t out[16], bool try_opaque_modes, Mod
         trace->keptMode = -1;
     }
     float best = FLT_MAX;
+    RegionFits fits;  // the partitioned modes meet the same regions
     for (int mode = try_opaque_modes ? 0 : 4; mode < 8; ++mode) {
         uint8_t block[16];
-        const float err = kEncoders[mode](tile, block);
+        const bool partitioned = mode < 4 || mode == 7;
+        const float err = partitioned ? encode_partitioned(mode, tile, block, fits) : kEncoders[mode](tile, block);
         if (trace) trace->modeError[mode] = err;
         // Only a strictly smaller error wins: ties keep the earlier mode, FLT_MAX never wins.
         if (err < best) {

@@ -71,12 +71,15 @@ struct RoughShape {
     FltEndpts endpts[3];
 };
 
-float encode_partitioned(const ModeInfo& info, const Tile& tile, uint8_t out[16]) {
+}  // namespace
+
+float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits& fits) {
+    const ModeInfo& info = kModeInfo[mode];
     // Rough pass over every shape.
     RoughShape rough[64];
     for (int s = 0; s < info.shapes; ++s) {
         rough[s].shapeindex = s;
-        rough[s].error = rough_shape(tile, info, s, rough[s].endpts);
+        rough[s].error = rough_shape(tile, info, s, rough[s].endpts, &fits);
     }
 
     // Bring the best few rough errors to the front, ascending (selection; the
@@ -109,12 +112,19 @@ float encode_partitioned(const ModeInfo& info, const Tile& tile, uint8_t out[16]
     return best;
 }
 
+namespace {
+
+float encode_alone(int mode, const Tile& tile, uint8_t out[16]) {
+    RegionFits fits;
+    return encode_partitioned(mode, tile, out, fits);
+}
+
 }  // namespace
 
-float encode_mode0(const Tile& tile, uint8_t out[16]) { return encode_partitioned(kModeInfo[0], tile, out); }
-float encode_mode1(const Tile& tile, uint8_t out[16]) { return encode_partitioned(kModeInfo[1], tile, out); }
-float encode_mode2(const Tile& tile, uint8_t out[16]) { return encode_partitioned(kModeInfo[2], tile, out); }
-float encode_mode3(const Tile& tile, uint8_t out[16]) { return encode_partitioned(kModeInfo[3], tile, out); }
-float encode_mode7(const Tile& tile, uint8_t out[16]) { return encode_partitioned(kModeInfo[7], tile, out); }
+float encode_mode0(const Tile& tile, uint8_t out[16]) { return encode_alone(0, tile, out); }
+float encode_mode1(const Tile& tile, uint8_t out[16]) { return encode_alone(1, tile, out); }
+float encode_mode2(const Tile& tile, uint8_t out[16]) { return encode_alone(2, tile, out); }
+float encode_mode3(const Tile& tile, uint8_t out[16]) { return encode_alone(3, tile, out); }
+float encode_mode7(const Tile& tile, uint8_t out[16]) { return encode_alone(7, tile, out); }
 
 }  // namespace BC7Modes

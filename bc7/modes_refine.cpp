@@ -61,17 +61,58 @@ void make_shape_segments(const Tile& tile, const ModeInfo& info, int shapeindex,
     }
 }
 
-float rough_shape(const Tile& tile, const ModeInfo& info, int shapeindex, FltEndpts endpts[3]) {
+RegionFits::RegionFits() {
+    for (uint32_t& key : keys_) key = 0;
+}
+
+RegionFits::Region& RegionFits::find(uint16_t mask, int channels, bool& fresh) {
+    // A region is never empty, so key 0 marks a free slot.
+    const uint32_t key = uint32_t(mask) | uint32_t(channels) << 16;
+    for (uint32_t slot = (key * 2654435761u) >> 22;; slot = (slot + 1) % kSlots) {
+        if (keys_[slot] == key) {
+            fresh = false;
+            return regions_[slot];
+        }
+        if (keys_[slot] == 0) {
+            keys_[slot] = key;
+            fresh = true;
+            for (bool& has : regions_[slot].hasError) has = false;
+            return regions_[slot];
+        }
+    }
+}
+
+float rough_shape(const Tile& tile, const ModeInfo& info, int shapeindex, FltEndpts endpts[3], RegionFits* fits) {
     Segment segs[3];
     make_shape_segments(tile, info, shapeindex, segs);
+    const int channels = channels_of(info);
     float error = 0.0f;
     for (int region = 0; region < info.regions; ++region) {
         const Segment& seg = segs[region];
-        fit_region(seg.pixel, seg.count, 0, channels_of(info), endpts[region]);
+        RegionFits::Region* kept = nullptr;
+        bool fresh = true;
+        if (fits) {
+            uint16_t mask = 0;
+            for (int k = 0; k < seg.count; ++k) mask = uint16_t(mask | 1u << seg.texel[k]);
+            kept = &fits->find(mask, channels, fresh);
+        }
+        if (fresh) fit_region(seg.pixel, seg.count, 0, channels, endpts[region]);
+        else endpts[region] = kept->endpts;
+        const int set = info.indexBits - 2;
+        if (kept && !fresh && kept->hasError[set]) {
+            error += kept->error[set];
+            continue;
+        }
         float palette[16][4];
         build_palette(seg, endpts[region], palette);
         int indices[kTexels];
-        error += map_colors(seg, palette, FLT_MAX, indices);
+        const float regionError = map_colors(seg, palette, FLT_MAX, indices);
+        error += regionError;
+        if (kept) {
+            kept->endpts = endpts[region];
+            kept->error[set] = regionError;
+            kept->hasError[set] = true;
+        }
     }
     return error;
 }

@@ -21,9 +21,34 @@ struct RefinedShape {
 // The segments (one per region) of shape `shapeindex` of the mode.
 void make_shape_segments(const Tile& tile, const ModeInfo& info, int shapeindex, Segment segs[3]);
 
+// The rough fits and rough errors of one tile's regions, kept while the tile
+// is encoded. A region's fit depends only on its texels and the channels
+// fitted, its rough error also on the index size, and the partitioned modes
+// meet the same regions again and again (242 distinct regions among the 576
+// of modes 0 to 3).
+class RegionFits {
+public:
+    RegionFits();
+    struct Region {
+        FltEndpts endpts;
+        float error[3];   // rough error with 2-, 3- and 4-bit indices
+        bool hasError[3];
+    };
+    // The entry of region `mask` fitted over `channels` channels; `fresh` tells
+    // that it was just made (its endpoints are still to fit).
+    Region& find(uint16_t mask, int channels, bool& fresh);
+
+private:
+    static constexpr int kSlots = 1024;  // more than the regions of every partitioned mode together
+    uint32_t keys_[kSlots];
+    Region regions_[kSlots];
+};
+
 // Float fit of every region of the shape; returns the error of the float
-// palettes of the fitted endpoints (palette scan, nothing to beat).
-float rough_shape(const Tile& tile, const ModeInfo& info, int shapeindex, FltEndpts endpts[3]);
+// palettes of the fitted endpoints (palette scan, nothing to beat). With
+// `fits`, regions met before are taken from there.
+float rough_shape(const Tile& tile, const ModeInfo& info, int shapeindex, FltEndpts endpts[3],
+                  RegionFits* fits = nullptr);
 
 // Quantises rough endpoints to the mode's precision, deciding the p-bits by
 // the vote of the dropped low bits.

@@ -150,22 +150,24 @@ bool bounded(const Segment& seg) {
 
 // The lanes' sums of texel errors (see score_candidates), stopping once
 // every lane is beyond its beat.
-template <int Terms, int Entries>
+template <int Terms, int Entries, bool Weighted>
 Vec4f sum_lanes(const Segment& seg, const ChannelScan& scan, const float value[16][4], Vec4f beat) {
     using glyptora_simd::cmpGreater;
     using glyptora_simd::moveMask;
     using glyptora_simd::select;
     const Vec4f zero(0.0f);
     Vec4f toterr(0.0f);
-    for (int k = 0; k < seg.count; ++k) {
-        const Vec4f p(seg.pixel[k][scan.ch]), w(seg.weight[k]);
+    for (int n = 0; n < scan.scanned; ++n) {
+        const int k = scan.texel[n];
+        const Vec4f p(seg.pixel[k][scan.ch]);
         Vec4f besterr, last, walking = glyptora_simd::cmpLessEqual(zero, zero);
         for (int j = 0; j < Entries; ++j) {
             const Vec4f d = p - Vec4f::load(value[j]);
-            Vec4f sum = Vec4f::load(scan.term[k][j][0]) + d * d;
-            if (Terms > 1) sum = sum + Vec4f::load(scan.term[k][j][1]);
-            if (Terms > 2) sum = sum + Vec4f::load(scan.term[k][j][2]);
-            const Vec4f e = sum * w;
+            Vec4f e = d * d;
+            if (Terms > 0) e = Vec4f::load(scan.term[k][j][0]) + e;
+            if (Terms > 1) e = e + Vec4f::load(scan.term[k][j][1]);
+            if (Terms > 2) e = e + Vec4f::load(scan.term[k][j][2]);
+            if (Weighted) e = e * Vec4f(seg.weight[k]);
             if (j > 0) walking = select(cmpGreater(e, last), zero, walking);
             besterr = select(walking, e, besterr);
             last = e;
@@ -175,6 +177,31 @@ Vec4f sum_lanes(const Segment& seg, const ChannelScan& scan, const float value[1
         if (moveMask(cmpGreater(toterr, beat)) == 0xF) break;
     }
     return toterr;
+}
+
+using SumLanes = Vec4f (*)(const Segment&, const ChannelScan&, const float[16][4], Vec4f);
+
+template <int Terms, bool Weighted>
+constexpr SumLanes kSumsByEntries[3] = {sum_lanes<Terms, 4, Weighted>, sum_lanes<Terms, 8, Weighted>,
+                                        sum_lanes<Terms, 16, Weighted>};
+
+// The kernel for the terms kept, the index size and the weights.
+SumLanes sum_lanes_for(const ChannelScan& scan, int indexBits) {
+    const int set = indexBits - 2;
+    if (scan.unitWeights) {
+        switch (scan.terms) {
+        case 0: return kSumsByEntries<0, false>[set];
+        case 1: return kSumsByEntries<1, false>[set];
+        case 2: return kSumsByEntries<2, false>[set];
+        default: return kSumsByEntries<3, false>[set];
+        }
+    }
+    switch (scan.terms) {
+    case 0: return kSumsByEntries<0, true>[set];
+    case 1: return kSumsByEntries<1, true>[set];
+    case 2: return kSumsByEntries<2, true>[set];
+    default: return kSumsByEntries<3, true>[set];
+    }
 }
 
 }  // namespace
@@ -230,13 +257,23 @@ float scan_palette(const Segment& seg, const ScanPalette& pal, float beat, int i
 // (another error measure, other index sizes or precisions, unbounded texels).
 void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, ChannelScan& scan) {
     scan.ch = ch;
-    scan.terms = ch < 2 ? 3 : ch == 2 ? 2 : 1;
     const int decodedPrec = seg.prec[ch] + (seg.hasPBits ? 1 : 0);
     const bool plain = !flag_luma_weights && !flag_alt_luma_weights && !(seg.alphaWithColour && flag_premult);
     scan.usable = plain && fast_index_bits(seg) && decodedPrec >= 4 && decodedPrec <= 8 && bounded(seg);
     if (!scan.usable) return;
-    // Four entries at a time; each entry's terms are then spread over the lanes.
+    scan.unitWeights = true;
     for (int k = 0; k < seg.count; ++k)
+        scan.unitWeights = scan.unitWeights && (seg.weight[k] == 0.0f || seg.weight[k] == 1.0f);
+    scan.scanned = 0;
+    for (int k = 0; k < seg.count; ++k)
+        if (!scan.unitWeights || seg.weight[k] != 0.0f) scan.texel[scan.scanned++] = k;
+
+    // The terms in pixel_error's order of addition, and whether each is 0 throughout.
+    const int allTerms = ch < 2 ? 3 : ch == 2 ? 2 : 1;
+    int nonZero[3] = {};
+    // Four entries at a time; each entry's terms are then spread over the lanes.
+    for (int n = 0; n < scan.scanned; ++n) {
+        const int k = scan.texel[n];
         for (int q = 0; q < pal.entries; q += 4) {
             Vec4f sq[4];
             for (int c = 0; c < 4; ++c) {
@@ -250,13 +287,25 @@ void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, Ch
             case 2: t[0] = sq[0] + sq[1], t[1] = sq[3]; break;
             default: t[0] = sq[0] + sq[1] + sq[2]; break;
             }
-            for (int i = 0; i < scan.terms; ++i) {
+            for (int i = 0; i < allTerms; ++i) {
+                nonZero[i] |= glyptora_simd::moveMask(glyptora_simd::cmpGreater(t[i], Vec4f(0.0f)));
                 t[i].splat<0>().store(scan.term[k][q][i]);
                 t[i].splat<1>().store(scan.term[k][q + 1][i]);
                 t[i].splat<2>().store(scan.term[k][q + 2][i]);
                 t[i].splat<3>().store(scan.term[k][q + 3][i]);
             }
         }
+    }
+    // Keep the terms that are not 0 everywhere, in their order.
+    scan.terms = 0;
+    for (int i = 0; i < allTerms; ++i) {
+        if (!nonZero[i]) continue;
+        if (scan.terms != i)
+            for (int n = 0; n < scan.scanned; ++n)
+                for (int j = 0; j < pal.entries; ++j)
+                    Vec4f::load(scan.term[scan.texel[n]][j][i]).store(scan.term[scan.texel[n]][j][scan.terms]);
+        ++scan.terms;
+    }
 }
 
 // Scoring candidates side by side gives the decisions of scoring them one
@@ -287,29 +336,23 @@ void score_candidates(const Segment& seg, const IntEndpts& endpts, const ScanPal
     // integer interpolation of the decoded values, lane by lane.
     using glyptora_simd::Vec4i;
     const int set = seg.indexBits - 2;
-    alignas(16) int decodedA[4], decodedB[4];
-    alignas(16) float beats[4];
     // decode_value by the table (the precision was checked by prepare_channel_scan).
     const int shift = seg.hasPBits ? 1 : 0;
     const uint8_t* decode = kUnquant.value[seg.prec[ch] + shift];
     const int pbitA = shift ? endpts.pbitA : 0, pbitB = shift ? endpts.pbitB : 0;
-    for (int l = 0; l < 4; ++l) {
-        const int from = l < cand.count ? l : 0;
-        decodedA[l] = decode[(cand.a[from] << shift) | pbitA];
-        decodedB[l] = decode[(cand.b[from] << shift) | pbitB];
-        beats[l] = beat[from];
-    }
-    const Vec4i a = Vec4i::load(decodedA), b = Vec4i::load(decodedB), half(32);
+    const auto decodedA = [&](int l) { return int(decode[(cand.a[l < cand.count ? l : 0] << shift) | pbitA]); };
+    const auto decodedB = [&](int l) { return int(decode[(cand.b[l < cand.count ? l : 0] << shift) | pbitB]); };
+    const auto beatOf = [&](int l) { return beat[l < cand.count ? l : 0]; };
+    // Built in registers: lanes written one by one through memory would stall the vector loads.
+    const Vec4i a(decodedA(0), decodedA(1), decodedA(2), decodedA(3));
+    const Vec4i b(decodedB(0), decodedB(1), decodedB(2), decodedB(3));
+    const Vec4i half(32);
     alignas(16) float value[16][4];
     for (int j = 0; j < pal.entries; ++j)
         glyptora_simd::toFloat((Vec4i(kLerp.a[set][j]) * a + Vec4i(kLerp.b[set][j]) * b + half) >> 6).store(value[j]);
 
-    const Vec4f beatv = Vec4f::load(beats);
-    using Sum = Vec4f (*)(const Segment&, const ChannelScan&, const float[16][4], Vec4f);
-    static constexpr Sum kSums[3][3] = {{sum_lanes<1, 4>, sum_lanes<1, 8>, sum_lanes<1, 16>},
-                                        {sum_lanes<2, 4>, sum_lanes<2, 8>, sum_lanes<2, 16>},
-                                        {sum_lanes<3, 4>, sum_lanes<3, 8>, sum_lanes<3, 16>}};
-    const Vec4f toterr = kSums[scan.terms - 1][set](seg, scan, value, beatv);
+    const Vec4f beats(beatOf(0), beatOf(1), beatOf(2), beatOf(3));
+    const Vec4f toterr = sum_lanes_for(scan, seg.indexBits)(seg, scan, value, beats);
     alignas(16) float sums[4];
     toterr.store(sums);
     for (int l = 0; l < cand.count; ++l) err[l] = sums[l] > beat[l] ? FLT_MAX : sums[l];

@@ -31,11 +31,17 @@ float scan_palette(const Segment& seg, const ScanPalette& pal, float beat, int i
 // and those it adds after it. An error is then
 //   ((term0 + d * d) + term1) + term2) * weight,   d = pixel[ch] - entry[ch],
 // the very operations of pixel_error (addition commutes exactly). Each
-// term is stored in four lanes, one per candidate.
+// term is stored in four lanes, one per candidate. Terms that are 0 for every
+// texel and entry are left out (adding 0 changes nothing), and so are the
+// multiply and the texels of weight 0 when every weight is 0 or 1 (a texel of
+// weight 0 adds an error of exactly 0).
 struct ChannelScan {
     int ch = 0;
-    int terms = 0;       // 3, 3, 2, 1 for channels 0, 1, 2, 3
-    bool usable = false; // plain measure, 2- to 4-bit indices, every texel bounded
+    int terms = 0;            // terms kept, 0 to 3
+    bool usable = false;      // plain measure, 2- to 4-bit indices, every texel bounded
+    bool unitWeights = false; // every weight is 0 or 1
+    int scanned = 0;          // texels scanned: their positions in the segment, ascending
+    int texel[Tile::TILE_TOTAL];
     alignas(16) float term[Tile::TILE_TOTAL][16][3][4];
 };
 

@@ -37,6 +37,7 @@ void perturb(const Segment& seg, int ch, Perturbation runs[], int count, Channel
     ScanPalette pal;
     build_scan_palette(seg, *runs[0].endpts, pal);
     if (!prepared) prepare_channel_scan(seg, pal, ch, scan);
+    bool moved[2] = {false, false};
     for (int step = 1 << (prec - 1); step >= 1; step >>= 1) {
         // value - step, then value + step of each search.
         Candidates cand;
@@ -65,13 +66,19 @@ void perturb(const Segment& seg, int ch, Perturbation runs[], int count, Channel
             if (taken < 0) continue;
             IntEndpts& e = *runs[r].endpts;
             (runs[r].which ? e.B[ch] : e.A[ch]) = moves[taken];
-            // The indices of the candidate kept (its scan was not abandoned).
-            ScanPalette kept = pal;
-            update_channel(seg, e, ch, e.A[ch], e.B[ch], kept);
-            int temp[kTexels];
-            scan_palette(seg, kept, FLT_MAX, temp);
-            copy_indices(seg, temp, runs[r].indices);
+            moved[r] = true;
         }
+    }
+    // The indices of each search's last kept candidate (its scan was not
+    // abandoned, so a full scan gives the same indices).
+    for (int r = 0; r < count; ++r) {
+        if (!moved[r]) continue;
+        const IntEndpts& e = *runs[r].endpts;
+        ScanPalette kept = pal;
+        update_channel(seg, e, ch, e.A[ch], e.B[ch], kept);
+        int temp[kTexels];
+        scan_palette(seg, kept, FLT_MAX, temp);
+        copy_indices(seg, temp, runs[r].indices);
     }
 }
 
