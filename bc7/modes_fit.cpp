@@ -9,8 +9,6 @@ namespace {
 
 constexpr int kMaxSweeps = 32;
 
-float clamp255(float v) { return v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v); }
-
 // One Jacobi rotation in the (p, q) plane that zeroes a[p][q]; v collects the
 // rotations. n is the matrix size (a template parameter so that the loops unroll).
 template <int n>
@@ -75,6 +73,17 @@ bool dominant_eigenvector_n(const float matrix[4][4], float axis[4]) {
 
 }  // namespace
 
+float clamp255(float v) { return v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v); }
+
+bool constant_channel(const float pixels[][4], int np, int ch, float& mean) {
+    float sum = 0.0f;
+    for (int i = 0; i < np; ++i) sum += pixels[i][ch];
+    mean = np > 2 ? sum * (1.0f / float(np)) : pixels[0][ch];
+    for (int i = 0; i < np; ++i)
+        if (pixels[i][ch] != mean) return false;
+    return true;
+}
+
 bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
     switch (n) {
     case 1: return dominant_eigenvector_n<1>(matrix, axis);
@@ -85,18 +94,18 @@ bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
     }
 }
 
-void fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts) {
+bool fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts) {
     const int n = endChannel - firstChannel;
     if (np == 0) {
         for (int c = firstChannel; c < endChannel; ++c) endpts.A[c] = endpts.B[c] = 0.0f;
-        return;
+        return true;
     }
     if (np == 1 || np == 2) {
         for (int c = firstChannel; c < endChannel; ++c) {
             endpts.A[c] = clamp255(pixels[0][c]);
             endpts.B[c] = clamp255(pixels[np - 1][c]);
         }
-        return;
+        return true;
     }
 
     float mean[4] = {};
@@ -119,11 +128,12 @@ void fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
     for (int c = 0; c < n; ++c) flat = flat && covariance[c][c] == 0.0f;
     if (flat) {
         for (int c = 0; c < n; ++c) endpts.A[firstChannel + c] = endpts.B[firstChannel + c] = clamp255(mean[c]);
-        return;
+        return true;
     }
 
     float axis[4];
-    if (!dominant_eigenvector(covariance, n, axis)) {
+    const bool settled = dominant_eigenvector(covariance, n, axis);
+    if (!settled) {
         // Not settled within the sweeps: fall back on the grey diagonal.
         for (int c = 0; c < n; ++c) axis[c] = 1.0f / std::sqrt(float(n));
     }
@@ -139,6 +149,7 @@ void fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
         endpts.A[firstChannel + c] = clamp255(mean[c] + axis[c] * lowest);
         endpts.B[firstChannel + c] = clamp255(mean[c] + axis[c] * highest);
     }
+    return settled;
 }
 
 }  // namespace BC7Modes

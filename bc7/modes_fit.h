@@ -17,8 +17,17 @@ struct FltEndpts {
 // - otherwise the endpoints are the extremes of the pixels projected on the
 //   dominant eigenvector of their covariance, through the mean (both on the
 //   mean when every variance is exactly 0).
-// Every fitted channel is clamped to 0..255.
-void fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts);
+// Every fitted channel is clamped to 0..255. Returns false when the
+// eigen-solver did not settle and a fixed axis was taken instead.
+bool fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts);
+
+// True when channel ch of the np (> 0) pixels equals their mean exactly as
+// fit_region computes it (`mean`). Such a last channel adds only zeros to the
+// covariance, which the eigen-solver never rotates: when the fit of the
+// channels before it settled, the fit of them all is that fit with both
+// endpoints of ch at the clamped mean.
+bool constant_channel(const float pixels[][4], int np, int ch, float& mean);
+float clamp255(float v);
 
 // Unit eigenvector of the largest eigenvalue of a symmetric n x n matrix
 // (n <= 4), by cyclic Jacobi rotations of at most 32 sweeps. Returns false,

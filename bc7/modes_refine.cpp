@@ -91,13 +91,31 @@ float rough_shape(const Tile& tile, const ModeInfo& info, int shapeindex, FltEnd
         const Segment& seg = segs[region];
         RegionFits::Region* kept = nullptr;
         bool fresh = true;
-        if (fits) {
-            uint16_t mask = 0;
-            for (int k = 0; k < seg.count; ++k) mask = uint16_t(mask | 1u << seg.texel[k]);
-            kept = &fits->find(mask, channels, fresh);
+        uint16_t mask = 0;
+        for (int k = 0; k < seg.count; ++k) mask = uint16_t(mask | 1u << seg.texel[k]);
+        if (fits) kept = &fits->find(mask, channels, fresh);
+        if (!fresh) {
+            endpts[region] = kept->endpts;
+        } else {
+            bool settled = false, derived = false;
+            float alphaMean;
+            if (kept && channels == 4 && seg.count > 0 && constant_channel(seg.pixel, seg.count, 3, alphaMean)) {
+                // Constant alpha: the region's colour fit, alpha on its mean.
+                bool colourFresh;
+                RegionFits::Region& colour = fits->find(mask, 3, colourFresh);
+                if (colourFresh) colour.settled = fit_region(seg.pixel, seg.count, 0, 3, colour.endpts);
+                if (colour.settled) {
+                    endpts[region] = colour.endpts;
+                    endpts[region].A[3] = endpts[region].B[3] = clamp255(alphaMean);
+                    settled = derived = true;
+                }
+            }
+            if (!derived) settled = fit_region(seg.pixel, seg.count, 0, channels, endpts[region]);
+            if (kept) {
+                kept->endpts = endpts[region];
+                kept->settled = settled;
+            }
         }
-        if (fresh) fit_region(seg.pixel, seg.count, 0, channels, endpts[region]);
-        else endpts[region] = kept->endpts;
         const int set = info.indexBits - 2;
         if (kept && !fresh && kept->hasError[set]) {
             error += kept->error[set];
@@ -109,7 +127,6 @@ float rough_shape(const Tile& tile, const ModeInfo& info, int shapeindex, FltEnd
         const float regionError = map_colors(seg, palette, FLT_MAX, indices);
         error += regionError;
         if (kept) {
-            kept->endpts = endpts[region];
             kept->error[set] = regionError;
             kept->hasError[set] = true;
         }

@@ -31,6 +31,7 @@ public:
     RegionFits();
     struct Region {
         FltEndpts endpts;
+        bool settled;     // the eigen-solver settled (or was not needed)
         float error[3];   // rough error with 2-, 3- and 4-bit indices
         bool hasError[3];
     };

@@ -77,31 +77,52 @@ void set_channel(const Segment& seg, int c, int a, int b, ScanPalette& pal) {
 // The palette scan on plain squared error (no weight flags, no
 // premultiplication): per texel and entry the very expression of
 // Utils::pixel_error times the weight, four entries computed at a time, and
-// the walk of map_colors over them (same order, same comparisons).
+// the walk of map_colors over them. While the walk goes on the errors do not
+// grow, so its best is the last error walked and its index the first entry
+// with that error; it stops at the first error above the one before it (the
+// stop at a best of 0 changes nothing: nothing after it is taken). That holds
+// while every error is below FLT_MAX, the walk's starting best; a texel with a
+// larger error takes the walk entry by entry.
 float scan_plain(const Segment& seg, const ScanPalette& pal, float beat, int indices[kTexels]) {
     float toterr = 0.0f;
+    const Vec4f below(FLT_MAX);
     for (int k = 0; k < seg.count; ++k) {
         const Vec4f r(seg.pixel[k][0]), g(seg.pixel[k][1]), b(seg.pixel[k][2]), a(seg.pixel[k][3]);
         const Vec4f w(seg.weight[k]);
         float besterr = FLT_MAX;
         int bestindex = -1;
+        float lastErr = FLT_MAX;  // the error of the entry before the group
         for (int q = 0; q < pal.entries; q += 4) {
             const Vec4f dr = r - Vec4f::load(&pal.value[0][q]);
             const Vec4f dg = g - Vec4f::load(&pal.value[1][q]);
             const Vec4f db = b - Vec4f::load(&pal.value[2][q]);
             const Vec4f da = a - Vec4f::load(&pal.value[3][q]);
+            const Vec4f e = (dr * dr + dg * dg + db * db + da * da) * w;
             alignas(16) float err[4];
-            ((dr * dr + dg * dg + db * db + da * da) * w).store(err);
-            int j = 0;
-            for (; j < 4; ++j) {
-                if (err[j] > besterr) break;  // entries lie along the segment: the rest are further away
-                if (err[j] < besterr) {
-                    besterr = err[j];
-                    bestindex = q + j;
+            e.store(err);
+            if (glyptora_simd::moveMask(glyptora_simd::cmpLess(e, below)) != 0xF) {
+                // Entry by entry, as map_colors walks.
+                int j = 0;
+                for (; j < 4; ++j) {
+                    if (err[j] > besterr) break;
+                    if (err[j] < besterr) besterr = err[j], bestindex = q + j;
+                    if (besterr == 0.0f) break;
                 }
-                if (besterr == 0.0f) break;
+                if (j < 4) break;
+                lastErr = err[3];
+                continue;
             }
-            if (j < 4) break;
+            // Each entry's error against the one before it.
+            const Vec4f before = glyptora_simd::shiftUp(e, lastErr);
+            const int rising = glyptora_simd::moveMask(glyptora_simd::cmpGreater(e, before));
+            const int walked = rising ? __builtin_ctz(unsigned(rising)) : 4;
+            if (walked > 0 && err[walked - 1] < besterr) {
+                besterr = err[walked - 1];
+                const int same = glyptora_simd::moveMask(glyptora_simd::cmpEqual(e, Vec4f(besterr)));
+                bestindex = q + __builtin_ctz(unsigned(same));
+            }
+            if (walked < 4 || besterr == 0.0f) break;
+            lastErr = err[3];
         }
         if (!keepTexel(seg, k, bestindex, besterr, beat, toterr, indices)) return FLT_MAX;
     }

@@ -67,6 +67,11 @@ inline Vec4f select(Vec4f mask, Vec4f a, Vec4f b) { return Vec4f(_mm_blendv_ps(b
 inline Vec4f cmpLess(Vec4f a, Vec4f b) { return Vec4f(_mm_cmplt_ps(a.v, b.v)); }
 inline Vec4f cmpLessEqual(Vec4f a, Vec4f b) { return Vec4f(_mm_cmple_ps(a.v, b.v)); }
 inline Vec4f cmpGreater(Vec4f a, Vec4f b) { return Vec4f(_mm_cmpgt_ps(a.v, b.v)); }
+inline Vec4f cmpEqual(Vec4f a, Vec4f b) { return Vec4f(_mm_cmpeq_ps(a.v, b.v)); }
+// (first, a0, a1, a2): the lanes moved up by one.
+inline Vec4f shiftUp(Vec4f a, float first) {
+    return Vec4f(_mm_move_ss(_mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(2, 1, 0, 0)), _mm_set_ss(first)));
+}
 inline int moveMask(Vec4f a) { return _mm_movemask_ps(a.v); }
 inline bool anyLess(Vec4f a, Vec4f b) { return _mm_movemask_ps(_mm_cmplt_ps(a.v, b.v)) != 0; }
 inline float dot3(Vec4f a, Vec4f b) { return _mm_cvtss_f32(_mm_dp_ps(a.v, b.v, 0x71)); }
@@ -145,6 +150,8 @@ GLYPTORA_HD inline Vec4f select(Vec4f mask, Vec4f a, Vec4f b) { GLYPTORA_VEC4_LA
 GLYPTORA_HD inline Vec4f cmpLess(Vec4f a, Vec4f b) { GLYPTORA_VEC4_LANEWISE(laneMask(a.e[i] < b.e[i])); }
 GLYPTORA_HD inline Vec4f cmpLessEqual(Vec4f a, Vec4f b) { GLYPTORA_VEC4_LANEWISE(laneMask(a.e[i] <= b.e[i])); }
 GLYPTORA_HD inline Vec4f cmpGreater(Vec4f a, Vec4f b) { GLYPTORA_VEC4_LANEWISE(laneMask(a.e[i] > b.e[i])); }
+GLYPTORA_HD inline Vec4f cmpEqual(Vec4f a, Vec4f b) { GLYPTORA_VEC4_LANEWISE(laneMask(a.e[i] == b.e[i])); }
+GLYPTORA_HD inline Vec4f shiftUp(Vec4f a, float first) { return Vec4f(first, a.e[0], a.e[1], a.e[2]); }
 GLYPTORA_HD inline int moveMask(Vec4f a) { int m = 0; for (int i = 0; i < 4; ++i) m |= laneSet(a.e[i]) << i; return m; }
 GLYPTORA_HD inline bool anyLess(Vec4f a, Vec4f b) { return a.e[0] < b.e[0] || a.e[1] < b.e[1] || a.e[2] < b.e[2] || a.e[3] < b.e[3]; }
 GLYPTORA_HD inline float dot3(Vec4f a, Vec4f b) { return a.e[0] * b.e[0] + a.e[1] * b.e[1] + a.e[2] * b.e[2]; }
