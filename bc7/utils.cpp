@@ -4,9 +4,9 @@
 
 namespace BC7Modes {
 
-bool flag_luma_weights = false;
-bool flag_alt_luma_weights = false;
-bool flag_premult = false;
+std::atomic<bool> flag_luma_weights{false};
+std::atomic<bool> flag_alt_luma_weights{false};
+std::atomic<bool> flag_premult{false};
 
 // Weights of index i: denom 15 and 7 read their own tables, denom 3 the
 // 4-bit table at 5i. Out-of-range arguments (already reported) are clamped.
@@ -119,9 +119,9 @@ float Utils::pixel_error(const float a[4], const float b[4]) {
 }
 
 void Utils::clear_error_flags() {
-    flag_luma_weights = false;
-    flag_alt_luma_weights = false;
-    flag_premult = false;
+    flag_luma_weights.store(false, std::memory_order_relaxed);
+    flag_alt_luma_weights.store(false, std::memory_order_relaxed);
+    flag_premult.store(false, std::memory_order_relaxed);
 }
 
 }  // namespace BC7Modes

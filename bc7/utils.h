@@ -2,6 +2,8 @@
 // Endpoint arithmetic shared by the BC7 mode encoders: index interpolation,
 // endpoint quantisation, premultiplication and the per-pixel error measure.
 // The integer routines must agree bit for bit with a BC7 decoder.
+#include <atomic>
+
 #include "core/assert.h"
 
 namespace BC7Modes {
@@ -9,9 +11,10 @@ namespace BC7Modes {
 // Process-wide error-mode flags. The block entry clears all three before every
 // block, so the measure is plain squared error on straight colours; the
 // weighted and premultiplied variants stay available to the palette scans.
-extern bool flag_luma_weights;      // weights 0.299, 0.587, 0.114
-extern bool flag_alt_luma_weights;  // weights 0.3086, 0.6094, 0.082
-extern bool flag_premult;           // alpha-carrying scans compare premultiplied colours
+// Every worker writes them (always the same value), so they are atomic.
+extern std::atomic<bool> flag_luma_weights;      // weights 0.299, 0.587, 0.114
+extern std::atomic<bool> flag_alt_luma_weights;  // weights 0.3086, 0.6094, 0.082
+extern std::atomic<bool> flag_premult;           // alpha-carrying scans compare premultiplied colours
 
 // Interpolation weights of the published format (6-bit fixed point, sum 64).
 // 2-bit indices use the 4-bit table at positions 0, 5, 10, 15.

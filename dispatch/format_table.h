@@ -123,9 +123,6 @@ inline constexpr EncoderEntry kBC7{"BC7", Q::Slow, 16, false, "encode_bc7_cpu()"
                                    &encodeBC7, nullptr};
 inline constexpr EncoderEntry kASTC{"ASTC", Q::Level, 16, true, "astc_encode_cpu()", nullptr, nullptr, nullptr};
 
-inline constexpr const char* kBC7SameEncoder =
-    "BC7 production and highest quality currently run the same fast encoder as normal";
-
 using F = FormatFamily;
 using T = NameTest;
 
@@ -160,9 +157,9 @@ inline constexpr FormatRow kRows[] = {
     {"float_bc6", F::BC6H, T::Equals, "float_bc6", 14, 4, 4, true, false, false, false, &kBC6H, nullptr, 96, 144,
      nullptr},
     {"unorm_bc7", F::BC7, T::Contains, "bc7", 15, 4, 4, false, false, false, false, &kBC7, nullptr, 98, 145,
-     kBC7SameEncoder},
+     nullptr},
     {"srgb_bc7", F::BC7, T::Contains, "bc7", 15, 4, 4, false, true, false, false, &kBC7, nullptr, 99, 146,
-     kBC7SameEncoder},
+     nullptr},
     GLYPTORA_ASTC_ROWS(4, 4, 17, 157),
     GLYPTORA_ASTC_ROWS(5, 4, 18, 159),
     GLYPTORA_ASTC_ROWS(5, 5, 19, 161),

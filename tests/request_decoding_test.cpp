@@ -163,6 +163,8 @@ TEST(GpuChoice, FallbackFlagAndEnvironment) {
         ScopedEnv env("HALVORAN_GLYPTORA_GPU_ENCODING_AUTO", c.env);
         bool useGpu = c.use != 1;  // the opposite of what must be written
         EXPECT_EQ(resolveGpuChoice(c.flags, c.available, &useGpu), c.ok) << (c.env ? c.env : "unset") << " " << c.flags;
-        if (c.use >= 0) EXPECT_EQ(useGpu, c.use == 1) << (c.env ? c.env : "unset") << " " << c.flags;
+        if (c.use >= 0) {
+            EXPECT_EQ(useGpu, c.use == 1) << (c.env ? c.env : "unset") << " " << c.flags;
+        }
     }
 }
