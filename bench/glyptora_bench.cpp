@@ -1,9 +1,10 @@
 // Compression bench: converts a corpus of photographs and generated images per format and
 // quality, and prints a markdown report of throughput (one thread and all threads) and RGB
-// PSNR (per image and aggregated over the set).
+// PSNR (per image and aggregated over the set). The HDR formats (BC6H) run on a set of EXR
+// images instead and report RMSLE and the PSNR of values clamped to [0, 1].
 //
-// usage: glyptora_bench [--corpus DIR] [--quality fastest,normal,...] [--threads N]
-//                       [--min-time SECONDS] [FORMAT...]
+// usage: glyptora_bench [--corpus DIR] [--hdr-corpus DIR] [--quality fastest,normal,...]
+//                       [--threads N] [--min-time SECONDS] [FORMAT...]
 #include <tbb/global_control.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -114,6 +116,7 @@ Image normalMapImage() {
 
 struct Options {
     std::string corpus = "/usr/lib/python3/dist-packages/skimage/data";
+    std::string hdrCorpus = "/usr/share/blender/datafiles/studiolights/matcap";
     std::vector<int> qualities = {0, 1, 2, 3};
     unsigned threads = std::max(1u, std::thread::hardware_concurrency());
     double minSeconds = 0.2;
@@ -143,8 +146,31 @@ struct Row {
     double seconds1 = 0, secondsN = 0;  // summed best times over the corpus
     uint64_t pixels = 0;
     ErrorSum photos, generated;
+    HdrErrorSum hdr;
     std::vector<double> perImage;
+    bool isHdr() const { return format->family == BlockFamily::BC6H; }
 };
+
+// Every EXR image of `folder`, in name order.
+std::vector<BenchImage> loadHdrCorpus(const std::string& folder) {
+    std::vector<std::string> paths;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ec))
+        if (entry.path().extension() == ".exr") paths.push_back(entry.path().string());
+    std::sort(paths.begin(), paths.end());
+    std::vector<BenchImage> images;
+    for (const std::string& path : paths) {
+        BenchImage b;
+        std::string error;
+        if (!loadImage(path, b.image, error)) {
+            std::fprintf(stderr, "glyptora_bench: %s: %s (skipped)\n", path.c_str(), error.c_str());
+            continue;
+        }
+        b.name = std::filesystem::path(path).stem().string();
+        images.push_back(std::move(b));
+    }
+    return images;
+}
 
 std::string psnrText(double db) {
     if (std::isinf(db)) return "inf";
@@ -167,7 +193,7 @@ std::string cpuName() {
 int usage(const char* why) {
     std::fprintf(stderr, "glyptora_bench: %s\n", why);
     std::fprintf(stderr,
-                 "usage: glyptora_bench [--corpus DIR] [--quality fastest,normal,...] [--threads N] "
+                 "usage: glyptora_bench [--corpus DIR] [--hdr-corpus DIR] [--quality fastest,normal,...] [--threads N] "
                  "[--min-time SECONDS] [FORMAT...]\n");
     return 2;
 }
@@ -179,10 +205,10 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-        if (arg == "--corpus") {
+        if (arg == "--corpus" || arg == "--hdr-corpus") {
             const char* v = value();
-            if (!v) return usage("--corpus needs a folder");
-            opt.corpus = v;
+            if (!v) return usage((arg + " needs a folder").c_str());
+            (arg == "--corpus" ? opt.corpus : opt.hdrCorpus) = v;
         } else if (arg == "--quality") {
             const char* v = value();
             if (!v) return usage("--quality needs a list");
@@ -244,6 +270,15 @@ int main(int argc, char** argv) {
     corpus.push_back({"noise", false, noiseImage()});
     corpus.push_back({"alpha_mask", false, alphaMaskImage()});
     corpus.push_back({"normal_map", false, normalMapImage()});
+    std::vector<BenchImage> hdrCorpus;
+    if (std::any_of(opt.formats.begin(), opt.formats.end(),
+                    [](const FormatDesc* f) { return f->family == BlockFamily::BC6H; })) {
+        hdrCorpus = loadHdrCorpus(opt.hdrCorpus);
+        if (hdrCorpus.empty()) {
+            std::fprintf(stderr, "glyptora_bench: no EXR images in %s (install blender-data)\n", opt.hdrCorpus.c_str());
+            return 1;
+        }
+    }
 
     std::vector<Row> rows;
     for (const FormatDesc* format : opt.formats)
@@ -253,7 +288,7 @@ int main(int argc, char** argv) {
             row.quality = quality;
             const char* qualityWord = kQualityWords[quality];
             std::fprintf(stderr, "%s %s ...\n", format->word, qualityWord);
-            for (const BenchImage& b : corpus) {
+            for (const BenchImage& b : row.isHdr() ? hdrCorpus : corpus) {
                 const SourceChain chain = buildSourceChain(b.image, 1, format->isSrgb);
                 const char* sourceWord =
                     chain.isFloat ? "float_32_32_32_32" : (format->isSrgb ? "srgb_8_8_8_8" : "unorm_8_8_8_8");
@@ -275,6 +310,14 @@ int main(int argc, char** argv) {
                     return 1;
                 }
                 row.pixels += uint64_t(chain.width) * chain.height;
+                if (row.isHdr()) {
+                    std::vector<float> decoded;
+                    decodeLevelFloat(*format, out.data(), chain.width, chain.height, decoded);
+                    const std::vector<float> reference = floatReference(chain, 0);
+                    row.hdr.add(compareHdr(reference.data(), decoded.data(), size_t(chain.width) * chain.height,
+                                           format->isSigned));
+                    continue;
+                }
                 std::vector<uint8_t> decoded;
                 decodeLevel(*format, out.data(), chain.width, chain.height, decoded);
                 const std::vector<uint8_t> reference = encoderReference(chain, 0, *format);
@@ -296,11 +339,30 @@ int main(int argc, char** argv) {
     std::printf("| format | quality | MP/s, 1 thread | MP/s, %u threads | PSNR photos (dB) | PSNR generated (dB) |\n",
                 threads);
     std::printf("|---|---|---:|---:|---:|---:|\n");
+    // Megapixels per second with three significant digits below 1 (the slow searches).
+    const auto mps = [](const Row& r, double seconds) {
+        const double v = seconds > 0 ? double(r.pixels) / seconds * 1e-6 : 0.0;
+        char text[32];
+        std::snprintf(text, sizeof text, v >= 1 || v == 0 ? "%.2f" : "%.3g", v);
+        return std::string(text);
+    };
     for (const Row& r : rows)
-        std::printf("| %s | %s | %.2f | %.2f | %s | %s |\n", r.format->word, kQualityWords[r.quality],
-                    r.seconds1 > 0 ? double(r.pixels) / r.seconds1 * 1e-6 : 0.0,
-                    r.secondsN > 0 ? double(r.pixels) / r.secondsN * 1e-6 : 0.0, psnrText(r.photos.psnr()).c_str(),
-                    psnrText(r.generated.psnr()).c_str());
+        if (!r.isHdr())
+            std::printf("| %s | %s | %s | %s | %s | %s |\n", r.format->word, kQualityWords[r.quality],
+                        mps(r, r.seconds1).c_str(), mps(r, r.secondsN).c_str(), psnrText(r.photos.psnr()).c_str(),
+                        psnrText(r.generated.psnr()).c_str());
+    if (!hdrCorpus.empty()) {
+        std::printf("\n## HDR formats on %zu EXR images\n\nRMSLE of log2(1 + x) over R, G, B (lower is better); "
+                    "PSNR of the values clamped to [0, 1].\n\n",
+                    hdrCorpus.size());
+        std::printf("| format | quality | MP/s, 1 thread | MP/s, %u threads | RMSLE | PSNR clamped (dB) |\n", threads);
+        std::printf("|---|---|---:|---:|---:|---:|\n");
+        for (const Row& r : rows)
+            if (r.isHdr())
+                std::printf("| %s | %s | %s | %s | %.5f | %s |\n", r.format->word, kQualityWords[r.quality],
+                            mps(r, r.seconds1).c_str(), mps(r, r.secondsN).c_str(), r.hdr.rmsle(),
+                            psnrText(r.hdr.clampedPsnr()).c_str());
+    }
 
     std::printf("\n## PSNR per image (dB)\n\n| format | quality |");
     for (const BenchImage& b : corpus) std::printf(" %s |", b.name.c_str());
@@ -308,6 +370,7 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < corpus.size(); ++i) std::printf("---:|");
     std::printf("\n");
     for (const Row& r : rows) {
+        if (r.isHdr()) continue;
         std::printf("| %s | %s |", r.format->word, kQualityWords[r.quality]);
         for (double db : r.perImage) std::printf(" %s |", psnrText(db).c_str());
         std::printf("\n");

@@ -5,6 +5,8 @@
 
 #include "bc/alpha_decoders.h"
 #include "bc/bc1_decoder.h"
+#include "bc6h/bc6h_decoder.h"
+#include "bc6h/half_float.h"
 #include "bc7/bc7_decoder.h"
 
 namespace glyptora_tools {
@@ -91,24 +93,53 @@ BlockDecoder decoderFor(const FormatDesc& format) {
 
 }  // namespace
 
-bool canDecode(const FormatDesc& format) { return decoderFor(format) != nullptr; }
+bool canDecode(const FormatDesc& format) {
+    return decoderFor(format) != nullptr || format.family == BlockFamily::BC6H;
+}
 
-bool decodeLevel(const FormatDesc& format, const uint8_t* blocks, uint32_t width, uint32_t height,
-                 std::vector<uint8_t>& rgba) {
-    const BlockDecoder decode = decoderFor(format);
-    if (!decode) return false;
+namespace {
+
+// Decodes every block of a level with `decode` (one block into its texels, row by row, four
+// values a texel) and copies the texels inside the image into `pixels`.
+template <typename T, typename Decode>
+void decodeBlocks(const FormatDesc& format, const uint8_t* blocks, uint32_t width, uint32_t height, Decode&& decode,
+                  std::vector<T>& pixels) {
     const uint32_t bw = uint32_t(format.blockWidth), bh = uint32_t(format.blockHeight);
     const uint32_t across = blocksAcross(width, format.blockWidth), down = blocksAcross(height, format.blockHeight);
-    rgba.assign(size_t(width) * height * 4, 0);
-    std::vector<uint8_t> texels(size_t(bw) * bh * 4);
+    pixels.assign(size_t(width) * height * 4, T(0));
+    std::vector<T> texels(size_t(bw) * bh * 4);
     for (uint32_t by = 0; by < down; ++by)
         for (uint32_t bx = 0; bx < across; ++bx) {
             decode(blocks + (size_t(by) * across + bx) * size_t(format.blockBytes()), texels.data());
             const uint32_t rows = std::min(bh, height - by * bh), cols = std::min(bw, width - bx * bw);
             for (uint32_t y = 0; y < rows; ++y)
-                std::memcpy(&rgba[((size_t(by) * bh + y) * width + size_t(bx) * bw) * 4], &texels[size_t(y) * bw * 4],
-                            size_t(cols) * 4);
+                std::memcpy(&pixels[((size_t(by) * bh + y) * width + size_t(bx) * bw) * 4],
+                            &texels[size_t(y) * bw * 4], size_t(cols) * 4 * sizeof(T));
         }
+}
+
+}  // namespace
+
+bool decodeLevel(const FormatDesc& format, const uint8_t* blocks, uint32_t width, uint32_t height,
+                 std::vector<uint8_t>& rgba) {
+    const BlockDecoder decode = decoderFor(format);
+    if (!decode) return false;
+    decodeBlocks(format, blocks, width, height, decode, rgba);
+    return true;
+}
+
+bool decodeLevelFloat(const FormatDesc& format, const uint8_t* blocks, uint32_t width, uint32_t height,
+                      std::vector<float>& rgba) {
+    if (format.family != BlockFamily::BC6H) return false;
+    const auto decode = [&](const uint8_t* block, float* texels) {
+        uint16_t halves[16][3];
+        glyptora_bc6h::decodeBC6HBlock(block, format.isSigned, halves);
+        for (int i = 0; i < 16; ++i) {
+            for (int c = 0; c < 3; ++c) texels[i * 4 + c] = glyptora_bc6h::halfToFloat(halves[i][c]);
+            texels[i * 4 + 3] = 1.0f;
+        }
+    };
+    decodeBlocks(format, blocks, width, height, decode, rgba);
     return true;
 }
 

@@ -207,7 +207,15 @@ bool convertOne(const Settings& s, const std::string& input, const std::string& 
                 kQualityWords[s.quality], levels, levels == 1 ? "" : "s", formatBytes(file.size()).c_str(),
                 onGpu ? "gpu" : "cpu", encodeMs, totalMs);
 
-    if (s.stats) {
+    if (s.stats && format.family == BlockFamily::BC6H) {
+        std::vector<float> decoded;
+        decodeLevelFloat(format, texture.blocks.data() + texture.levelOffsets[0], chain.width, chain.height, decoded);
+        const std::vector<float> reference = floatReference(chain, 0);
+        const HdrErrorSum error = compareHdr(reference.data(), decoded.data(), size_t(chain.width) * chain.height,
+                                               format.isSigned);
+        std::printf("  stats: level 0 RMSLE RGB %.5f, PSNR RGB clamped to [0, 1] %s\n", error.rmsle(),
+                    formatPsnr(error.clampedPsnr()).c_str());
+    } else if (s.stats) {
         std::vector<uint8_t> decoded;
         if (!decodeLevel(format, texture.blocks.data() + texture.levelOffsets[0], chain.width, chain.height,
                          decoded)) {

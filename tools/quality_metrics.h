@@ -32,6 +32,29 @@ ErrorSum compareRgba8(const uint8_t* reference, const uint8_t* decoded, size_t p
 // complement for signed formats (with the library's unsigned-to-signed and float rules).
 std::vector<uint8_t> encoderReference(const SourceChain& chain, uint32_t m, const FormatDesc& format);
 
+// Error of decoded float (HDR) pixels over R, G and B: the RMSLE of sign(x) log2(1 + |x|),
+// which weighs dark and bright values by their relative error, and the squared error of the
+// values clamped to [0, 1], which shows what a display sees.
+struct HdrErrorSum {
+    double logSquared = 0;
+    double clampedSquared = 0;
+    uint64_t values = 0;
+    void add(const HdrErrorSum& o) {
+        logSquared += o.logSquared;
+        clampedSquared += o.clampedSquared;
+        values += o.values;
+    }
+    double rmsle() const;
+    double clampedPsnr() const;  // peak 1; +infinity for no error
+};
+
+// Both arrays RGBA floats. Reference values count as the encoder stores them: beyond the
+// largest half-float (65504), NaN included, as that value; negatives as 0 unless signed.
+HdrErrorSum compareHdr(const float* reference, const float* decoded, size_t pixels, bool isSigned);
+
+// Level m of a source chain as the float encoders read it: RGBA floats (8-bit values / 255).
+std::vector<float> floatReference(const SourceChain& chain, uint32_t m);
+
 // The channels that a format keeps: R for BC4, RG for BC5, RGB or RGBA for the others.
 unsigned primaryChannels(const FormatDesc& format);
 
