@@ -73,7 +73,7 @@ bool dominant_eigenvector_n(const float matrix[4][4], float axis[4]) {
 
 }  // namespace
 
-float clamp255(float v) { return v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v); }
+float clamp255(float v) { return clamp_to(v, 0.0f, 255.0f); }
 
 bool constant_channel(const float pixels[][4], int np, int ch, float& mean) {
     float sum = 0.0f;
@@ -94,7 +94,9 @@ bool dominant_eigenvector(const float matrix[4][4], int n, float axis[4]) {
     }
 }
 
-bool fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts) {
+bool fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts, float clampLow,
+                float clampHigh) {
+    const auto clamp = [&](float v) { return clamp_to(v, clampLow, clampHigh); };
     const int n = endChannel - firstChannel;
     if (np == 0) {
         for (int c = firstChannel; c < endChannel; ++c) endpts.A[c] = endpts.B[c] = 0.0f;
@@ -102,8 +104,8 @@ bool fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
     }
     if (np == 1 || np == 2) {
         for (int c = firstChannel; c < endChannel; ++c) {
-            endpts.A[c] = clamp255(pixels[0][c]);
-            endpts.B[c] = clamp255(pixels[np - 1][c]);
+            endpts.A[c] = clamp(pixels[0][c]);
+            endpts.B[c] = clamp(pixels[np - 1][c]);
         }
         return true;
     }
@@ -127,7 +129,7 @@ bool fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
     bool flat = true;
     for (int c = 0; c < n; ++c) flat = flat && covariance[c][c] == 0.0f;
     if (flat) {
-        for (int c = 0; c < n; ++c) endpts.A[firstChannel + c] = endpts.B[firstChannel + c] = clamp255(mean[c]);
+        for (int c = 0; c < n; ++c) endpts.A[firstChannel + c] = endpts.B[firstChannel + c] = clamp(mean[c]);
         return true;
     }
 
@@ -146,8 +148,8 @@ bool fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
         if (projection > highest) highest = projection;
     }
     for (int c = 0; c < n; ++c) {
-        endpts.A[firstChannel + c] = clamp255(mean[c] + axis[c] * lowest);
-        endpts.B[firstChannel + c] = clamp255(mean[c] + axis[c] * highest);
+        endpts.A[firstChannel + c] = clamp(mean[c] + axis[c] * lowest);
+        endpts.B[firstChannel + c] = clamp(mean[c] + axis[c] * highest);
     }
     return settled;
 }

@@ -4,7 +4,7 @@
 
 namespace BC7Modes {
 
-// Float endpoints of one region, 0..255 per channel.
+// Float endpoints of one region (0..255 per channel for BC7).
 struct FltEndpts {
     float A[4] = {};
     float B[4] = {};
@@ -17,9 +17,11 @@ struct FltEndpts {
 // - otherwise the endpoints are the extremes of the pixels projected on the
 //   dominant eigenvector of their covariance, through the mean (both on the
 //   mean when every variance is exactly 0).
-// Every fitted channel is clamped to 0..255. Returns false when the
+// Every fitted channel is clamped to clampLow..clampHigh (BC7: 0..255; BC6H fits
+// half-float bit patterns with wider bounds). Returns false when the
 // eigen-solver did not settle and a fixed axis was taken instead.
-bool fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts);
+bool fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts,
+                float clampLow = 0.0f, float clampHigh = 255.0f);
 
 // True when channel ch of the np (> 0) pixels equals their mean exactly as
 // fit_region computes it (`mean`). Such a last channel adds only zeros to the
@@ -28,6 +30,7 @@ bool fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
 // endpoints of ch at the clamped mean.
 bool constant_channel(const float pixels[][4], int np, int ch, float& mean);
 float clamp255(float v);
+inline float clamp_to(float v, float lowest, float highest) { return v < lowest ? lowest : (v > highest ? highest : v); }
 
 // Unit eigenvector of the largest eigenvalue of a symmetric n x n matrix
 // (n <= 4), by cyclic Jacobi rotations of at most 32 sweeps. Returns false,
