@@ -9,3 +9,9 @@ if(TARGET glyptora_tools_support)
   add_executable(glyptora_bc7_modes_bench ${CMAKE_CURRENT_LIST_DIR}/bc7_modes_bench.cpp)
   target_link_libraries(glyptora_bc7_modes_bench PRIVATE glyptora_tools_support glyptora_core)
 endif()
+
+# glyptora_bc6h_bench: single-thread speed and block hash of the BC6H encoders.
+if(TARGET glyptora_tools_support)
+  add_executable(glyptora_bc6h_bench ${CMAKE_CURRENT_LIST_DIR}/bc6h_bench.cpp)
+  target_link_libraries(glyptora_bc6h_bench PRIVATE glyptora_tools_support glyptora_core)
+endif()

@@ -10,6 +10,7 @@
 #include "bc/bc1_encoder.h"
 #include "bc/bc2_bc3_cpu.h"
 #include "bc/bc4_bc5_cpu.h"
+#include "bc6h/bc6h_cpu.h"
 #include "bc7/bc7_cpu.h"
 #include "gpu/gpu_kernel_names.h"
 #include "gpu/gpu_plan.h"
@@ -89,6 +90,10 @@ void withFastFlag(const CPUViewBase& view, const EncoderMode& mode, uint8_t* out
     Encode(view, mode.fast, out);
 }
 
+inline void encodeBC6H(const CPUViewBase& view, const EncoderMode& mode, uint8_t* out) {
+    glyptora_bc6h::encodeBC6HCPU(view, mode.fast, mode.isSigned, out);
+}
+
 inline void encodeBC7(const CPUViewBase& view, const EncoderMode& mode, uint8_t* out) {
     glyptora_bc7::encodeBC7CPU(view, mode.fast, mode.imageHasAlpha, out);
 }
@@ -116,8 +121,8 @@ inline constexpr EncoderEntry kBC5S{"BC5S", Q::Slow, 16, false, "encode_bc5s_cpu
                                     "BC5S Compressor: no production-mode for bc5-gpu, using cpu instead.\n",
                                     &withFastFlag<glyptora_dxt::encodeBC5SCPU>, &kGpuBC5S};
 inline constexpr EncoderEntry kBC6H{"BC6H", Q::Slow, 16, false, "encode_bc6h_cpu()",
-                                    "BC6H Compressor: no slow-mode for bc6-gpu, using cpu instead.\n", nullptr,
-                                    nullptr};
+                                    "BC6H Compressor: no slow-mode for bc6-gpu, using cpu instead.\n",
+                                    &encodeBC6H, nullptr};
 inline constexpr EncoderEntry kBC7{"BC7", Q::Slow, 16, false, "encode_bc7_cpu()",
                                    "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n",
                                    &encodeBC7, nullptr};

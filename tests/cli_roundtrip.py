@@ -24,12 +24,15 @@ FORMATS = {"unorm_bc1": (71, 133, b"DXT1"), "srgb_bc1": (72, 134, None), "unorm_
            "srgb_bc2": (75, 136, None), "unorm_bc3": (77, 137, b"DXT5"), "srgb_bc3": (78, 138, None),
            "unorm_bc4": (80, 139, b"ATI1"), "snorm_bc4": (81, 140, None), "unorm_bc5": (83, 141, b"ATI2"),
            "snorm_bc5": (84, 142, None), "unorm_bc7": (98, 145, None), "srgb_bc7": (99, 146, None)}
-BLOCK_BYTES = {"bc1": 8, "bc2": 16, "bc3": 16, "bc4": 8, "bc5": 16, "bc7": 16}
+# The float formats take EXR and HDR sources and are checked on their own.
+HDR_FORMATS = {"ufloat_bc6": (95, 143, None), "float_bc6": (96, 144, None)}
+BLOCK_BYTES = {"bc1": 8, "bc2": 16, "bc3": 16, "bc4": 8, "bc5": 16, "bc6": 16, "bc7": 16}
 # Pillow opens these files as written; the other formats' blocks are handed to it in a legacy DDS.
 PILLOW_OPENS = {"unorm_bc1", "unorm_bc2", "unorm_bc3", "unorm_bc4", "unorm_bc5", "unorm_bc7", "srgb_bc7"}
 KTX2_IDENTIFIER = bytes([0xAB, 0x4B, 0x54, 0x58, 0x20, 0x32, 0x30, 0xBB, 0x0D, 0x0A, 0x1A, 0x0A])
 QUALITIES = ["fastest", "normal", "production", "highest"]
 STATS_RE = re.compile(r"stats: level 0 PSNR (R|RG|RGB) (inf|[0-9.]+) dB(?:, RGBA (inf|[0-9.]+) dB)?")
+HDR_STATS_RE = re.compile(r"stats: level 0 RMSLE RGB ([0-9.]+), PSNR RGB clamped to \[0, 1\] (inf|[0-9.]+)")
 family = lambda fmt: fmt.split("_")[1]
 channels_of = lambda fmt: {"bc4": 1, "bc5": 2}.get(family(fmt), 3)  # R, RG or RGB (plus RGBA with alpha)
 
@@ -193,7 +196,7 @@ class ToolCase(unittest.TestCase):
         data = Path(path).read_bytes()
         levels = levels or max(width, height).bit_length()
         sizes = level_sizes(fmt, width, height, levels)
-        dxgi, _, legacy = FORMATS[fmt]
+        dxgi, _, legacy = {**FORMATS, **HDR_FORMATS}[fmt]
         size, flags, h, w, linear_size, _, count = struct.unpack_from("<7I", data, 4)
         pf_size, pf_flags, fourcc = struct.unpack_from("<II4s", data, 76)
         start = 128 if legacy else 148
@@ -211,7 +214,7 @@ class ToolCase(unittest.TestCase):
         data, fam = Path(path).read_bytes(), family(fmt)
         sizes = level_sizes(fmt, width, height, max(width, height).bit_length())
         self.assertEqual((data[:12],) + struct.unpack_from("<9I", data, 12),
-                         (KTX2_IDENTIFIER, FORMATS[fmt][1], 1, width, height, 0, 0, 1, len(sizes), 0))
+                         (KTX2_IDENTIFIER, {**FORMATS, **HDR_FORMATS}[fmt][1], 1, width, height, 0, 0, 1, len(sizes), 0))
         dfd_offset, dfd_length, kvd_offset, kvd_length = struct.unpack_from("<4I", data, 48)
         edges = [80 + 24 * len(sizes), dfd_offset, dfd_offset + dfd_length]
         edges += [kvd_offset, kvd_offset + kvd_length] if kvd_length else []
@@ -222,7 +225,7 @@ class ToolCase(unittest.TestCase):
             edges += [offset, offset + length]
         self.assertEqual((edges, edges[-1], dfd_offset % 4), (sorted(edges), len(data), 0))
         dfd, samples = data[dfd_offset:dfd_offset + dfd_length], {"bc2": 2, "bc3": 2, "bc5": 2}.get(fam, 1)
-        model = {"bc1": 128, "bc2": 129, "bc3": 130, "bc4": 131, "bc5": 132, "bc7": 134}[fam]
+        model = {"bc1": 128, "bc2": 129, "bc3": 130, "bc4": 131, "bc5": 132, "bc6": 133, "bc7": 134}[fam]
         # total size, vendor and type, version and block size; model, primaries, transfer; block shape, bytes
         self.assertEqual(struct.unpack_from("<3I", dfd) + tuple(dfd[12:15]) + tuple(dfd[16:21]),
                          (28 + 16 * samples, 0, 2 | (24 + 16 * samples) << 16, model, 1,
@@ -330,6 +333,46 @@ class RoundTrip(ToolCase):
                     self.assertAlmostEqual(psnr(reference, decoded, 3), main, delta=0.01)
                 if exact and rgba is not None:
                     self.assertAlmostEqual(psnr(reference, decoded, 4), rgba, delta=0.01)
+
+def pillow_bc6(data, width, height, signed):
+    """One BC6H level decoded by Pillow (as 8-bit RGB, which clamps to 0..1) from a DDS made around it."""
+    header = struct.pack("<4s7I44x2I4s40x", b"DDS ", 124, 0x1007, height, width, 0, 0, 1, 32, 4, b"DX10")
+    with Image.open(io.BytesIO(header + struct.pack("<5I", 96 if signed else 95, 3, 0, 1, 0) + data)) as opened:
+        assert opened.size == (width, height), opened.size
+        return np.asarray(opened.convert("RGB"), np.int64)
+
+class HdrRoundTrip(ToolCase):
+    def test_bc6h_from_exr_and_hdr(self):
+        """EXR and Radiance HDR sources to BC6H, unsigned and signed, DDS (DX10) and KTX2, at the fast
+        and the search quality: Pillow's decode (clamped to 0..1) is close to the source, --stats
+        prints a small RMSLE, and the mip chain is averaged in linear float."""
+        base = (photo_like(30, 22).astype(np.float32) / 255.0) ** 2.2
+        exr = np.dstack([base * np.float32(6.0), np.ones((22, 30), np.float32)])
+        exr[0, 0, :3] = [np.inf, -1.0, 0.25]  # infinity and a negative: clamped as the format stores them
+        write_exr(self.path("in.exr"), exr)
+        hdr = write_hdr(self.path("in.hdr"), base)
+        for fmt in HDR_FORMATS:
+            self.assertIn(fmt, self.available)
+            for source, values, quality in (("in.exr", exr[..., :3], "normal"), ("in.exr", exr[..., :3], "production"),
+                                            ("in.hdr", hdr, "fastest")):
+                with self.subTest(fmt=fmt, source=source, quality=quality):
+                    (height, width), dds, ktx2 = values.shape[:2], self.path("o.dds"), self.path("o.ktx2")
+                    match = HDR_STATS_RE.search(self.convert(self.path(source), dds, fmt, "--stats", "-q", quality))
+                    self.assertTrue(match, "no HDR stats line")
+                    self.assertLess(float(match.group(1)), 0.05)
+                    levels = self.check_dds(dds, fmt, width, height)
+                    self.convert(self.path(source), ktx2, fmt, "-q", quality)
+                    self.check_ktx2(ktx2, fmt, width, height, levels)
+                    decoded = pillow_bc6(levels[:level_sizes(fmt, width, height, 1)[0]], width, height,
+                                         fmt == "float_bc6")
+                    self.assertGreater(psnr(to_unorm8(values), decoded, 3), 35)
+        # Level 1 of a checkerboard of 0 and 0.8 is 0.4 in linear float.
+        checker = (np.indices((16, 16)).sum(axis=0) % 2 * 0.8).astype(np.float32)
+        write_exr(self.path("checker.exr"), np.dstack([checker] * 3 + [np.ones_like(checker)]))
+        self.convert(self.path("checker.exr"), self.path("c.dds"), "ufloat_bc6")
+        sizes = level_sizes("ufloat_bc6", 16, 16, 2)
+        level1 = self.check_dds(self.path("c.dds"), "ufloat_bc6", 16, 16)[sizes[0]:sum(sizes)]
+        self.assertLess(np.max(np.abs(pillow_bc6(level1, 8, 8, False) - 102)), 3)
 
 class CommandLine(ToolCase):
     def assertRefused(self, result, status=1, mention=""):
