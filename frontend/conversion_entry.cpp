@@ -8,20 +8,42 @@
 #include "frontend/in_process_conversion.h"
 #include "frontend/request_decoding.h"
 #include "frontend/wide_string.h"
+#include "server/conversion_client.h"
 
 namespace glyptora_internal {
+
+namespace {
+
+// The server route. The request is checked here as far as the client can, so that nothing is
+// sent that cannot be converted and both sections get their sizes; whether a GPU is usable is
+// for the server to find out (asking here would load the GPU driver into this process).
+Status convertThroughServer(void* destination, const void* source, const char* destinationFormat,
+                            const char* sourceFormat, const char* options, uint32_t flags, uint32_t dimension,
+                            uint32_t width, uint32_t height, uint32_t depth, uint32_t mipCount) {
+    ConversionRequest request;
+    const Status decoded = decodeConversionRequest(destinationFormat, sourceFormat, options,
+                                                   flags & ~uint32_t(kFlagGpu), dimension, width, height, depth,
+                                                   mipCount, request);
+    if (decoded != Status::Ok) return decoded;
+    const uint64_t destinationBytes =
+        levelChainSize(geometryOf(*request.format), dimension, width, height, depth, mipCount);
+    const ServerConversion conversion{destination, source, destinationBytes, request.sourceBytes, destinationFormat,
+                                      sourceFormat, options, flags, dimension, width, height, depth, mipCount};
+    return convertInServer(conversion) ? Status::Ok : Status::ServerUnavailable;
+}
+
+}  // namespace
 
 Status convertNarrow(void* destination, const void* source, const char* destinationFormat, const char* sourceFormat,
                      const char* options, uint32_t flags, uint32_t dimension, uint32_t width, uint32_t height,
                      uint32_t depth, uint32_t mipCount) {
+    if (flags & kFlagServer)
+        return convertThroughServer(destination, source, destinationFormat, sourceFormat, options, flags, dimension,
+                                    width, height, depth, mipCount);
     ConversionRequest request;
     const Status decoded = decodeConversionRequest(destinationFormat, sourceFormat, options, flags, dimension, width,
                                                    height, depth, mipCount, request);
     if (decoded != Status::Ok) return decoded;
-    if (flags & kFlagServer) {
-        errorLine("the conversion server is not part of this build; convert in process (without flag 0x20).");
-        return Status::ServerUnavailable;
-    }
     return convertInProcess(request, destination, source);
 }
 

@@ -3,6 +3,7 @@
 
 #include "frontend/conversion_entry.h"
 #include "gpu/gpu_encoders.h"
+#include "server/conversion_server.h"
 
 extern "C" {
 
@@ -23,6 +24,16 @@ GLYPTORA_API uint32_t GlyptoraIsGpuEncodingAvailable(void) {
         return glyptora_internal::isGpuEncodingAvailable() ? 1u : 0u;
     } catch (...) {
         return 0u;  // no exception crosses the library boundary
+    }
+}
+
+// Runs this library as the user's conversion server; the glyptora-server launcher calls it in
+// a detached process of its own and the process ends when it returns.
+GLYPTORA_API void ServerMain(void) {
+    try {
+        glyptora_internal::runConversionServer();
+    } catch (...) {
+        // the server just ends; its clients start a new one
     }
 }
 
