@@ -31,11 +31,11 @@ struct PartitionedMode {
     int headerBits;  // bit cursor after endpoints and p-bits
 };
 
-constexpr PartitionedMode kMode0{0, 3, 4, 4, 0, kEndpointPBit, 3, 83};
-constexpr PartitionedMode kMode1{1, 2, 6, 6, 0, kSharedPBit, 3, 82};
-constexpr PartitionedMode kMode2{2, 3, 6, 5, 0, kNoPBit, 2, 99};
-constexpr PartitionedMode kMode3{3, 2, 6, 7, 0, kEndpointPBit, 2, 98};
-constexpr PartitionedMode kMode7{7, 2, 6, 5, 5, kEndpointPBit, 2, 98};
+GLYPTORA_BC7_TABLE PartitionedMode kMode0{0, 3, 4, 4, 0, kEndpointPBit, 3, 83};
+GLYPTORA_BC7_TABLE PartitionedMode kMode1{1, 2, 6, 6, 0, kSharedPBit, 3, 82};
+GLYPTORA_BC7_TABLE PartitionedMode kMode2{2, 3, 6, 5, 0, kNoPBit, 2, 99};
+GLYPTORA_BC7_TABLE PartitionedMode kMode3{3, 2, 6, 7, 0, kEndpointPBit, 2, 98};
+GLYPTORA_BC7_TABLE PartitionedMode kMode7{7, 2, 6, 5, 5, kEndpointPBit, 2, 98};
 
 // Swaps a subset's endpoints wherever its anchor index has the top bit set.
 template <int NC, int NS>

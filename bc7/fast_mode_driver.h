@@ -160,6 +160,35 @@ GLYPTORA_HD inline float encodeThreeSubsetMode(const Block& b, const RowMoments<
     return runPartitioned<3, 3>(b, m, fit, kRefineIterations3, best, out);
 }
 
+// Mode 7 on a translucent block: all 64 shapes ranked by their four-channel
+// line residuals, the 16 best fitted, the best of them refined.
+GLYPTORA_HD inline void encodeTranslucentMode7(const Block& b, float& best, uint8_t out[16], StepRecorder& rec) {
+    RowMoments<4> rm;
+    buildRowMoments<4>(b, rm);
+    ShapeStats<4, 2, 64> st;
+    int all[64];
+    for (int p = 0; p < 64; ++p) all[p] = p;
+    shapeStats<4, 2, 64>(b, rm, all, 64, kPowerIterations, st);
+    int order[16];
+    const int count = selectShapes(st.est, 64, 16, order);
+    ShapeFit<2> fits[16];
+    fitCandidates<4, 2, 64>(b, st, order, order, count, 4, 0, fits);
+    const float before = best;
+    ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
+    setEndpoints<4, 2, 64>(st, chosen);
+    rec.record(kStep7, runPartitioned<4, 2>(b, kMode7, chosen, kRefineIterations, best, out), before);
+}
+
+// Rotation variant v of the driver's order: 0 mode 5, 1 mode 4 with 2-bit
+// colour indices, 2 mode 4 with 3-bit colour indices.
+GLYPTORA_HD inline void encodeRotationVariant(const Block& b, const RotationLanes& rl, int v, float& best,
+                                              uint8_t out[16], StepRecorder& rec) {
+    const int steps[3] = {kStep5, kStep4Index0, kStep4Index1};
+    const RotationVariant variant = v == 0 ? rotationVariant(5, 0) : rotationVariant(4, v - 1);
+    const float before = best;
+    rec.record(steps[v], encodeRotations(b, rl, variant, -1, best, out), before);
+}
+
 // The driver: every step compares against and updates the block's best error.
 // Steps are skipped once the best error is 0 (nothing can beat it).
 GLYPTORA_HD inline float encodeBlock(const Block& b, uint8_t out[16], BC7FastTrace* trace) {
@@ -187,30 +216,12 @@ GLYPTORA_HD inline float encodeBlock(const Block& b, uint8_t out[16], BC7FastTra
             }
         }
     } else if (best > 0.0f) {
-        RowMoments<4> rm;
-        buildRowMoments<4>(b, rm);
-        ShapeStats<4, 2, 64> st;
-        int all[64];
-        for (int p = 0; p < 64; ++p) all[p] = p;
-        shapeStats<4, 2, 64>(b, rm, all, 64, kPowerIterations, st);
-        int order[16];
-        const int count = selectShapes(st.est, 64, 16, order);
-        ShapeFit<2> fits[16];
-        fitCandidates<4, 2, 64>(b, st, order, order, count, 4, 0, fits);
-        before = best;
-        ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
-        setEndpoints<4, 2, 64>(st, chosen);
-        rec.record(kStep7, runPartitioned<4, 2>(b, kMode7, chosen, kRefineIterations, best, out), before);
+        encodeTranslucentMode7(b, best, out, rec);
     }
     if (best > 0.0f) {
         RotationLanes rl;
         buildRotationLanes(b, rl);
-        const int steps[3] = {kStep5, kStep4Index0, kStep4Index1};
-        const RotationVariant variants[3] = {rotationVariant(5, 0), rotationVariant(4, 0), rotationVariant(4, 1)};
-        for (int v = 0; v < 3 && best > 0.0f; ++v) {
-            before = best;
-            rec.record(steps[v], encodeRotations(b, rl, variants[v], -1, best, out), before);
-        }
+        for (int v = 0; v < 3 && best > 0.0f; ++v) encodeRotationVariant(b, rl, v, best, out, rec);
     }
     return best;
 }

@@ -81,6 +81,9 @@ inline constexpr GpuPlan kGpuBC4{"s_encode_bc4_gpu()", "encode_bc4_gpu()", 1, 8,
 inline constexpr GpuPlan kGpuBC4S{"s_encode_bc4s_gpu()", "encode_bc4s_gpu()", 1, 8, true, k::kCompressBC4S, nullptr};
 inline constexpr GpuPlan kGpuBC5{"s_encode_bc5_gpu()", "encode_bc5_gpu()", 1, 16, false, k::kCompressBC5, nullptr};
 inline constexpr GpuPlan kGpuBC5S{"s_encode_bc5s_gpu()", "encode_bc5s_gpu()", 1, 16, true, k::kCompressBC5S, nullptr};
+// BC7 runs the staged sequence (gpu/bc7_gpu_encode.h), which opens "bc7_encode_gpu()" itself.
+inline constexpr GpuPlan kGpuBC7{"s_encode_bc7_gpu()", "bc7_encode_gpu()", 12, 16, false, nullptr, nullptr,
+                                 GpuStages::BC7};
 
 using Q = QualityFlag;
 
@@ -125,7 +128,7 @@ inline constexpr EncoderEntry kBC6H{"BC6H", Q::Slow, 16, false, "encode_bc6h_cpu
                                     &encodeBC6H, nullptr};
 inline constexpr EncoderEntry kBC7{"BC7", Q::Slow, 16, false, "encode_bc7_cpu()",
                                    "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n",
-                                   &encodeBC7, nullptr};
+                                   &encodeBC7, &kGpuBC7};
 inline constexpr EncoderEntry kASTC{"ASTC", Q::Level, 16, true, "astc_encode_cpu()", nullptr, nullptr, nullptr};
 
 using F = FormatFamily;

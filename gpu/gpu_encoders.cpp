@@ -9,6 +9,7 @@
 #include "core/cpu_input_buffer.h"
 #include "core/diagnostics.h"
 #include "core/timing_context.h"
+#include "gpu/bc7_gpu_encode.h"
 #include "gpu/cuda_driver.h"
 #include "gpu/gpu_buffer.h"
 #include "gpu/gpu_kernel_names.h"
@@ -47,8 +48,10 @@ const char* conversionKernel() {
 // One chunk's work on the device; the first failure is reported once and stops the rest.
 class ChunkEncoder {
 public:
-    ChunkEncoder(const GpuSession& session, const GpuPlan& plan, uint64_t tilesPerLaunch, TimingContext* timing)
-        : m_session(session), m_api(session.api()), m_plan(plan), m_tilesPerLaunch(tilesPerLaunch), m_timing(timing) {}
+    ChunkEncoder(const GpuSession& session, const GpuPlan& plan, uint64_t tilesPerLaunch, bool imageHasAlpha,
+                 TimingContext* timing)
+        : m_session(session), m_api(session.api()), m_plan(plan), m_tilesPerLaunch(tilesPerLaunch),
+          m_imageHasAlpha(imageHasAlpha), m_timing(timing) {}
 
     bool failed() const { return m_failed; }
 
@@ -135,6 +138,9 @@ private:
     // block, the channel kernel (with the block count) before the colour kernel.
     template <typename T>
     void launchFormat(TGPUView<T> view, cuda::CUdeviceptr out) {
+        if constexpr (std::is_same_v<T, uint8_t>) {
+            if (m_plan.stages == GpuStages::BC7) return launchBC7(view, out);
+        }
         ScopedTimer timer(m_timing, m_plan.launchLabel);
         uint32_t n = view.tileCount;
         const unsigned grid = unsigned((uint64_t(n) + 63) / 64);
@@ -156,6 +162,14 @@ private:
         }
     }
 
+    // The staged BC7 sequence, which opens its own timing scope.
+    void launchBC7(const GPUU8View& view, cuda::CUdeviceptr out) {
+        const glyptora_bc7::GpuSequenceFailure failure =
+            glyptora_bc7::t_bc7_encode_gpu(m_session, view, m_imageHasAlpha, out, m_timing);
+        if (failure.missingKernel) lookUp(failure.missingKernel);
+        else if (failure.step) fail(failure.step, failure.result);
+    }
+
     cuda::CUfunction lookUp(const char* name) {
         cuda::CUfunction kernel = m_session.kernel(name);
         if (!kernel && !m_failed) {
@@ -174,13 +188,14 @@ private:
     const cuda::DriverApi& m_api;
     const GpuPlan& m_plan;
     const uint64_t m_tilesPerLaunch;
+    const bool m_imageHasAlpha;
     TimingContext* m_timing;
     bool m_failed = false;
 };
 
 template <typename Source, typename CPUBuffer>
 bool encodeChunks(const GpuSession& session, const GpuPlan& plan, const CPUBuffer& buffer, uint8_t* output,
-                  bool outputInDeviceMemory, TimingContext* timing) {
+                  bool outputInDeviceMemory, bool imageHasAlpha, TimingContext* timing) {
     const CudaDeviceProperties& properties = session.properties();
     const uint64_t tilesPerChunk = capped(
         gpuTilesPerChunk(properties.totalGlobalMem, buffer.tileWidth, buffer.tileHeight, int(buffer.bytesPerPixel())),
@@ -190,7 +205,7 @@ bool encodeChunks(const GpuSession& session, const GpuPlan& plan, const CPUBuffe
         capped(gpuLaunchLimit(properties.clockRate, properties.multiProcessorCount, plan.launchDivisor),
                g_maxTilesPerLaunch.load());
 
-    ChunkEncoder encoder(session, plan, tilesPerLaunch, timing);
+    ChunkEncoder encoder(session, plan, tilesPerLaunch, imageHasAlpha, timing);
     forEachEvenSplit(buffer.tileCount, chunks, [&](TileRange range) {
         if (!encoder.failed()) encoder.template encode<Source>(buffer, range, output, outputInDeviceMemory);
     });
@@ -200,7 +215,7 @@ bool encodeChunks(const GpuSession& session, const GpuPlan& plan, const CPUBuffe
 }  // namespace
 
 bool encodeOnGpu(const GpuPlan& plan, const char* entryName, const CPUBuffer_Base& buffer, uint8_t* output,
-                 bool outputInDeviceMemory, TimingContext* timing) {
+                 bool outputInDeviceMemory, TimingContext* timing, bool imageHasAlpha) {
     if (buffer.tileCount == 0) return true;  // no chunk, no output
     if (buffer.tileWidth != 4 || buffer.tileHeight != 4) {
         diagnosticPrint("%s Compressor: only tile size 4x4 is supported.\n", entryName);
@@ -209,11 +224,11 @@ bool encodeOnGpu(const GpuPlan& plan, const char* entryName, const CPUBuffer_Bas
     const GpuSession* session = currentGpuSession();
     if (!session) return false;
     if (auto* u8 = dynamic_cast<const glyptora::U8TileBuffer*>(&buffer))
-        return encodeChunks<uint8_t>(*session, plan, *u8, output, outputInDeviceMemory, timing);
+        return encodeChunks<uint8_t>(*session, plan, *u8, output, outputInDeviceMemory, imageHasAlpha, timing);
     if (auto* s8 = dynamic_cast<const glyptora::S8TileBuffer*>(&buffer))
-        return encodeChunks<int8_t>(*session, plan, *s8, output, outputInDeviceMemory, timing);
+        return encodeChunks<int8_t>(*session, plan, *s8, output, outputInDeviceMemory, imageHasAlpha, timing);
     if (auto* f32 = dynamic_cast<const glyptora::F32TileBuffer*>(&buffer))
-        return encodeChunks<float>(*session, plan, *f32, output, outputInDeviceMemory, timing);
+        return encodeChunks<float>(*session, plan, *f32, output, outputInDeviceMemory, imageHasAlpha, timing);
     return false;
 }
 

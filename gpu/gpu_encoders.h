@@ -17,9 +17,10 @@ bool isGpuEncodingAvailable();
 
 // Encodes every tile of `buffer` on the GPU into `output` (host or device memory) as
 // `plan` says. `entryName` ("BC1a") names the format in messages. Returns false when
-// the device failed.
+// the device failed. `imageHasAlpha` is the BC7 stages' alpha flag.
 bool encodeOnGpu(const GpuPlan& plan, const char* entryName, const glyptora::CPUBuffer_Base& buffer,
-                 uint8_t* output, bool outputInDeviceMemory, glyptora::TimingContext* timing);
+                 uint8_t* output, bool outputInDeviceMemory, glyptora::TimingContext* timing,
+                 bool imageHasAlpha = false);
 
 // Copies host bytes to device memory owned by the caller.
 bool copyHostToDevice(void* deviceDestination, const void* host, size_t bytes);

@@ -19,4 +19,15 @@ inline constexpr const char* kS8ToU8 = "glyptora_g_S8ToU8";    // (GPUS8View sou
 inline constexpr const char* kF32ToS8 = "glyptora_g_F32ToS8";  // (GPUF32View source, GPUS8View target)
 inline constexpr const char* kU8ToS8 = "glyptora_g_U8ToS8";    // (GPUU8View source, GPUS8View target)
 
+// BC7 stages (gpu/bc7_gpu_stages.h), one thread per block, 128 threads per CUDA block:
+// stage s of the sequence is kBC7Stages[s - 1]; each takes (gpu_bc7::StageArgs).
+inline constexpr const char* kBC7Stages[14] = {
+    "glyptora_bc7_stage1",  "glyptora_bc7_stage2",  "glyptora_bc7_stage3",  "glyptora_bc7_stage4",
+    "glyptora_bc7_stage5",  "glyptora_bc7_stage6",  "glyptora_bc7_stage7",  "glyptora_bc7_stage8",
+    "glyptora_bc7_stage9",  "glyptora_bc7_stage10", "glyptora_bc7_stage11", "glyptora_bc7_stage12",
+    "glyptora_bc7_stage13", "glyptora_bc7_stage14"};
+
+// The FLT_MAX fill of scratch error arrays, one thread per float, 128 threads per CUDA block.
+inline constexpr const char* kFillFltMax = "glyptora_g_fill_flt_max";  // (float* values, uint64 count)
+
 }  // namespace glyptora_internal::kernel_names

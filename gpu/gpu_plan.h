@@ -3,6 +3,10 @@
 // The format table names one plan per format that has kernels.
 namespace glyptora_internal {
 
+// How the blocks are made: one or two block kernels a launch, or the staged BC7 sequence
+// (gpu/bc7_gpu_encode.h).
+enum class GpuStages : unsigned char { BlockKernels, BC7 };
+
 struct GpuPlan {
     const char* chunkLabel;     // timing scope of the per-chunk encoder, "s_encode_bc1a_gpu()"
     const char* launchLabel;    // timing scope of one launch, "encode_bc1_gpu()"
@@ -11,6 +15,7 @@ struct GpuPlan {
     bool signedKernels;         // kernels read signed 8-bit views (else unsigned 8-bit)
     const char* channelKernel;  // takes the block count, launched first; or null
     const char* colourKernel;   // launched second; or null
+    GpuStages stages = GpuStages::BlockKernels;
 };
 
 }  // namespace glyptora_internal

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 
+#include "gpu/bc7_gpu_stages.h"
 #include "gpu/gpu_kernel_bodies.h"
 #include "gpu/gpu_kernel_names.h"
 
@@ -84,6 +85,16 @@ T parameter(void** parameters, int i) {
     return value;
 }
 
+// A BC7 stage: one thread per block, 128 threads per CUDA block, output and scratch in
+// device memory (the opacity flags only where the stage reads them).
+bool runBC7Stage(FakeCudaLaunch& r, unsigned grid, unsigned threads, int stage, const gpu_bc7::StageArgs& a) {
+    r.tiles = a.count;
+    const bool flags = a.opaque ? isDeviceRange(a.opaque, a.count) : stage != 1;
+    return inDeviceMemory(a.view) && a.count == a.view.tileCount && flags && isDeviceRange(a.out, a.count * 16u) &&
+           isDeviceRange(a.best, a.count * sizeof(float)) &&
+           runGrid(grid, threads, 128, a.count, [&](uint64_t t) { gpu_bc7::runStage(stage, a, uint32_t(t)); });
+}
+
 // Carries out the kernel named in `r` with the parameters it declares (gpu/gpu_kernel_names.h).
 bool runKernel(FakeCudaLaunch& r, unsigned grid, unsigned threads, void** p) {
     namespace k = kernel_names;
@@ -108,6 +119,15 @@ bool runKernel(FakeCudaLaunch& r, unsigned grid, unsigned threads, void** p) {
     if (name == k::kCompressBC4S) return block(s8(0), n(), out(2), 8, b::compressBC4S);
     if (name == k::kCompressBC5) return block(u8(0), n(), out(2), 16, b::compressBC5);
     if (name == k::kCompressBC5S) return block(s8(0), n(), out(2), 16, b::compressBC5S);
+    for (int s = 1; s <= gpu_bc7::kStageCount; ++s)
+        if (name == k::kBC7Stages[s - 1]) return runBC7Stage(r, grid, threads, s, parameter<gpu_bc7::StageArgs>(p, 0));
+    if (name == k::kFillFltMax) {
+        float* values = parameter<float*>(p, 0);
+        const uint64_t count = parameter<uint64_t>(p, 1);
+        r.tiles = uint32_t(count);
+        return isDeviceRange(values, count * sizeof(float)) &&
+               runGrid(grid, threads, 128, count, [&](uint64_t i) { gpu_bc7::fillFltMax(values, i); });
+    }
     if (name == k::kF32ToU8) return convert(f32(0), u8(1), b::convertF32ToU8);
     if (name == k::kS8ToU8) return convert(s8(0), u8(1), b::convertS8ToU8);
     if (name == k::kF32ToS8) return convert(f32(0), s8(1), b::convertF32ToS8);

@@ -1,0 +1,95 @@
+// The BC7 launch sequence: scratch allocation, FLT_MAX fills and the stage launches in the
+// order of kBC7Sequence, each repeat passing its loop index to the stage.
+#include "gpu/bc7_gpu_encode.h"
+
+#include "core/timing_context.h"
+#include "gpu/bc7_gpu_stages.h"
+#include "gpu/gpu_buffer.h"
+#include "gpu/gpu_kernel_names.h"
+
+namespace glyptora_bc7 {
+
+using glyptora_internal::DeviceMemory;
+using glyptora_internal::GpuSession;
+using glyptora_internal::GPUU8View;
+namespace cuda = glyptora_internal::cuda;
+namespace names = glyptora_internal::kernel_names;
+namespace stages = glyptora_internal::gpu_bc7;
+
+namespace {
+
+class Sequence {
+public:
+    Sequence(const GpuSession& session, uint32_t count) : m_session(session), m_count(count) {}
+
+    GpuSequenceFailure failure;
+
+    // Device memory for `elements` of T per block; null (with the failure kept) when refused.
+    template <typename T>
+    T* allocate(DeviceMemory& memory, size_t elementsPerBlock) {
+        if (failure.failed()) return nullptr;
+        memory = DeviceMemory(m_session, size_t(m_count) * elementsPerBlock * sizeof(T));
+        if (!memory.ok()) fail("scratch allocation", memory.error());
+        return memory.ok() ? memory.as<T>() : nullptr;
+    }
+
+    void fill(float* values, uint64_t count) {
+        void* parameters[] = {&values, &count};
+        launch(names::kFillFltMax, count, parameters);
+    }
+
+    void stage(int s, stages::StageArgs args) {
+        void* parameters[] = {&args};
+        launch(names::kBC7Stages[s - 1], m_count, parameters);
+    }
+
+private:
+    void launch(const char* name, uint64_t threads, void** parameters) {
+        if (failure.failed()) return;
+        cuda::CUfunction kernel = m_session.kernel(name);
+        if (!kernel) {
+            failure.missingKernel = name;
+            return;
+        }
+        const unsigned grid = unsigned((threads + 127) >> 7);
+        const cuda::CUresult result =
+            m_session.api().cuLaunchKernel(kernel, grid, 1, 1, 128, 1, 1, 0, nullptr, parameters, nullptr);
+        if (result != cuda::kSuccess) fail("kernel launch", result);
+    }
+
+    void fail(const char* step, cuda::CUresult result) {
+        failure.step = step;
+        failure.result = result;
+    }
+
+    const GpuSession& m_session;
+    const uint32_t m_count;
+};
+
+}  // namespace
+
+GpuSequenceFailure t_bc7_encode_gpu(const GpuSession& session, const GPUU8View& view, bool imageHasAlpha,
+                                    cuda::CUdeviceptr output, glyptora::TimingContext* timing) {
+    glyptora::ScopedTimer timer(timing, "bc7_encode_gpu()");
+    const uint32_t n = view.tileCount;
+    Sequence sequence(session, n);
+    stages::StageArgs args{};
+    args.view = view;
+    args.out = reinterpret_cast<uint8_t*>(uintptr_t(output));
+    args.count = n;
+
+    DeviceMemory opaque, best;
+    if (imageHasAlpha) args.opaque = sequence.allocate<uint8_t>(opaque, 1);
+    args.best = sequence.allocate<float>(best, 1);
+    for (const SequenceStep& s : kBC7Sequence) {
+        if (alphaOnlyStage(s.stage) && !imageHasAlpha) continue;
+        for (int i = 0; i < s.launches; ++i) {
+            args.index = uint32_t(i);
+            if (s.stage == 0) sequence.fill(args.best, n);
+            else sequence.stage(s.stage, args);
+        }
+    }
+    return sequence.failure;
+}
+
+}  // namespace glyptora_bc7
