@@ -13,34 +13,44 @@ namespace glyptora_astc {
 
 inline constexpr int kAstcBlockBits = 128;
 
+// Writes the low `n` bits of `value` upward from bit `pos` (>= 0) in chunks that stop at byte
+// borders, each a read-modify-write of one byte; bits past the block are dropped.
+GLYPTORA_HD inline void writeBlockBitsUpward(uint8_t* block, int pos, uint32_t value, int n) {
+    while (n > 0) {
+        const int offset = pos & 7;
+        const int chunk = n < 8 - offset ? n : 8 - offset;
+        if (pos < kAstcBlockBits) {
+            const uint32_t mask = ((1u << chunk) - 1u) << offset;
+            block[pos >> 3] = uint8_t((block[pos >> 3] & ~mask) | ((value << offset) & mask));
+        }
+        value = chunk < 32 ? value >> chunk : 0;
+        pos += chunk;
+        n -= chunk;
+    }
+}
+
 // Writes the low `n` bits (n <= 32) of `value` at `pos` and advances `pos` by n (upward) or
 // leaves it at pos - n (downward). Only the written bits change; bits that would fall outside
 // the block are dropped.
 GLYPTORA_HD inline void writeBlockBits(uint8_t* block, int& pos, uint32_t value, int n) {
     if (pos >= 0) {
-        // Upward: chunks that stop at byte borders, each a read-modify-write of one byte.
-        while (n > 0) {
-            const int offset = pos & 7;
-            const int chunk = n < 8 - offset ? n : 8 - offset;
-            if (pos < kAstcBlockBits) {
-                const uint32_t mask = ((1u << chunk) - 1u) << offset;
-                block[pos >> 3] = uint8_t((block[pos >> 3] & ~mask) | ((value << offset) & mask));
-            }
-            value = chunk < 32 ? value >> chunk : 0;
-            pos += chunk;
-            n -= chunk;
-        }
+        writeBlockBitsUpward(block, pos, value, n);
+        pos += n;
         return;
     }
-    for (int i = 0; i < n; ++i, --pos) {
-        const int bit = kAstcBlockBits + pos;
-        if (bit < 0) continue;
-        const uint8_t mask = uint8_t(1u << (bit & 7));
-        if ((value >> i) & 1u)
-            block[bit >> 3] |= mask;
-        else
-            block[bit >> 3] &= uint8_t(~mask);
+    // Downward: bit i of the value lands on bit 128 + pos - i, which is the value's n bits
+    // reversed, written upward from 128 + pos - n + 1.
+    uint32_t reversed = 0;
+    for (int i = 0; i < n; ++i) reversed |= ((value >> i) & 1u) << (n - 1 - i);
+    int up = kAstcBlockBits + pos - n + 1, count = n;
+    pos -= n;
+    if (up < 0) {  // bits below the block are dropped
+        if (-up >= count) return;
+        reversed >>= -up;
+        count += up;
+        up = 0;
     }
+    writeBlockBitsUpward(block, up, reversed, count);
 }
 
 // Reads `n` bits (n <= 32) upward from `pos`; bits at or beyond the block's end read as 0.

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "astc/block_reader.h"
+#include "astc/infill_taps.h"
 #include "astc/partition_hash.h"
 #include "astc/quantization_tables.h"
 
@@ -32,21 +33,12 @@ const std::array<uint8_t, 65536>& unorm16ToUnorm8Table() {
     return table;
 }
 
-// Weight (0..64) of texel (s, t) from the grid: bilinear infill from the grid points around
-// the texel's position scaled onto the grid. `plane` selects the interleaved plane.
+// Weight (0..64) of texel (s, t) from the grid; `plane` selects the interleaved plane.
 int infillWeight(const int* gridWeights, const AstcBlockMode& mode, int blockWidth, int blockHeight, int s, int t,
                  int plane) {
-    const int ds = (1024 + blockWidth / 2) / (blockWidth - 1), dt = (1024 + blockHeight / 2) / (blockHeight - 1);
-    const int gs = (ds * s * (mode.gridWidth - 1) + 32) >> 6, gt = (dt * t * (mode.gridHeight - 1) + 32) >> 6;
-    const int js = gs >> 4, fs = gs & 15, jt = gt >> 4, ft = gt & 15;
-    const int w11 = (fs * ft + 8) >> 4, w10 = ft - w11, w01 = fs - w11, w00 = 16 - fs - ft + w11;
+    const AstcInfillTaps taps = astcInfillTaps(blockWidth, blockHeight, mode.gridWidth, mode.gridHeight, s, t);
     const int planes = mode.dualPlane ? 2 : 1;
-    const auto at = [&](int x, int y) {
-        // Points past the grid's edge only ever meet a zero factor.
-        if (x >= mode.gridWidth || y >= mode.gridHeight) return 0;
-        return gridWeights[(y * mode.gridWidth + x) * planes + plane];
-    };
-    return (at(js, jt) * w00 + at(js + 1, jt) * w01 + at(js, jt + 1) * w10 + at(js + 1, jt + 1) * w11 + 8) >> 4;
+    return astcInfillWeight(taps, gridWeights + plane, planes);
 }
 
 void fill(uint8_t* rgba, int texels, const uint8_t colour[4]) {

@@ -77,13 +77,8 @@ constexpr uint32_t colourValue(int range, uint32_t value) {
     return spread(kColourRules, range, value, 9);
 }
 
-struct Tables {
-    std::array<std::array<uint8_t, 32>, kAstcWeightRangeCount> weights{};
-    std::array<std::array<uint8_t, 256>, kAstcRangeCount> colours{};
-};
-
-constexpr Tables makeTables() {
-    Tables t;
+constexpr AstcUnquantTables makeTables() {
+    AstcUnquantTables t{};
     for (int r = 0; r < kAstcWeightRangeCount; ++r)
         for (int v = 0; v < astcRangeLevels(r); ++v) t.weights[r][v] = uint8_t(weightValue(r, uint32_t(v)));
     for (int r = kAstcFirstColourRange; r < kAstcRangeCount; ++r)
@@ -91,12 +86,8 @@ constexpr Tables makeTables() {
     return t;
 }
 
-constexpr Tables kTables = makeTables();
-
 }  // namespace
 
-uint8_t astcWeightUnquant(int range, int value) { return kTables.weights[range][value & 31]; }
-
-uint8_t astcColourUnquant(int range, int value) { return kTables.colours[range][value & 255]; }
+constexpr AstcUnquantTables kAstcUnquantTables = makeTables();
 
 }  // namespace glyptora_astc

@@ -4,7 +4,7 @@
 // images instead and report RMSLE and the PSNR of values clamped to [0, 1].
 //
 // usage: glyptora_bench [--corpus DIR] [--hdr-corpus DIR] [--quality fastest,normal,...]
-//                       [--threads N] [--min-time SECONDS] [FORMAT...]
+//                       [--threads N] [--min-time SECONDS] [--photos-only] [FORMAT...]
 #include <tbb/global_control.h>
 
 #include <algorithm>
@@ -120,6 +120,7 @@ struct Options {
     std::vector<int> qualities = {0, 1, 2, 3};
     unsigned threads = std::max(1u, std::thread::hardware_concurrency());
     double minSeconds = 0.2;
+    bool photosOnly = false;  // leave the generated images out (figures comparable to the photos' alone)
     std::vector<const FormatDesc*> formats;
 };
 
@@ -146,6 +147,7 @@ struct Row {
     double seconds1 = 0, secondsN = 0;  // summed best times over the corpus
     uint64_t pixels = 0;
     ErrorSum photos, generated;
+    ErrorSum alphaImages;  // R, G, B and A over the images that have alpha
     HdrErrorSum hdr;
     std::vector<double> perImage;
     bool isHdr() const { return format->family == BlockFamily::BC6H; }
@@ -194,7 +196,7 @@ int usage(const char* why) {
     std::fprintf(stderr, "glyptora_bench: %s\n", why);
     std::fprintf(stderr,
                  "usage: glyptora_bench [--corpus DIR] [--hdr-corpus DIR] [--quality fastest,normal,...] [--threads N] "
-                 "[--min-time SECONDS] [FORMAT...]\n");
+                 "[--min-time SECONDS] [--photos-only] [FORMAT...]\n");
     return 2;
 }
 
@@ -230,6 +232,8 @@ int main(int argc, char** argv) {
             const char* v = value();
             if (!v) return usage("--min-time needs seconds");
             opt.minSeconds = std::atof(v);
+        } else if (arg == "--photos-only") {
+            opt.photosOnly = true;
         } else if (arg == "--list") {
             for (const FormatDesc& f : allFormats())
                 if (!unavailableReason(f)) std::printf("%s\n", f.word);
@@ -266,10 +270,12 @@ int main(int argc, char** argv) {
         b.photo = true;
         corpus.push_back(std::move(b));
     }
-    corpus.push_back({"gradient", false, gradientImage()});
-    corpus.push_back({"noise", false, noiseImage()});
-    corpus.push_back({"alpha_mask", false, alphaMaskImage()});
-    corpus.push_back({"normal_map", false, normalMapImage()});
+    if (!opt.photosOnly) {
+        corpus.push_back({"gradient", false, gradientImage()});
+        corpus.push_back({"noise", false, noiseImage()});
+        corpus.push_back({"alpha_mask", false, alphaMaskImage()});
+        corpus.push_back({"normal_map", false, normalMapImage()});
+    }
     std::vector<BenchImage> hdrCorpus;
     if (std::any_of(opt.formats.begin(), opt.formats.end(),
                     [](const FormatDesc* f) { return f->family == BlockFamily::BC6H; })) {
@@ -325,6 +331,9 @@ int main(int argc, char** argv) {
                                                 primaryChannels(*format), format->isSigned);
                 (b.photo ? row.photos : row.generated).add(e);
                 row.perImage.push_back(e.psnr());
+                if (b.image.hasAlpha() && primaryChannels(*format) == kChannelsRGB)
+                    row.alphaImages.add(compareRgba8(reference.data(), decoded.data(),
+                                                     size_t(chain.width) * chain.height, kChannelsRGBA, false));
             }
             rows.push_back(std::move(row));
         }
@@ -333,12 +342,14 @@ int main(int argc, char** argv) {
     std::printf("# Glyptora bench\n\n");
     std::printf("CPU: %s, %u hardware threads; all-threads columns use %u. Level 0 only; times are the best of "
                 "repeated runs of the whole conversion call. PSNR over R, G, B (R for BC4, R and G for BC5); "
-                "aggregate PSNR is that of the summed squared error over the set.\n\n",
+                "aggregate PSNR is that of the summed squared error over the set; the last column adds alpha "
+                "over the images that have it.\n\n",
                 cpuName().c_str(), std::thread::hardware_concurrency(), threads);
     std::printf("## Throughput and aggregate PSNR\n\n");
-    std::printf("| format | quality | MP/s, 1 thread | MP/s, %u threads | PSNR photos (dB) | PSNR generated (dB) |\n",
+    std::printf("| format | quality | MP/s, 1 thread | MP/s, %u threads | PSNR photos (dB) | PSNR generated (dB) | "
+                "PSNR RGBA, images with alpha (dB) |\n",
                 threads);
-    std::printf("|---|---|---:|---:|---:|---:|\n");
+    std::printf("|---|---|---:|---:|---:|---:|---:|\n");
     // Megapixels per second with three significant digits below 1 (the slow searches).
     const auto mps = [](const Row& r, double seconds) {
         const double v = seconds > 0 ? double(r.pixels) / seconds * 1e-6 : 0.0;
@@ -348,9 +359,10 @@ int main(int argc, char** argv) {
     };
     for (const Row& r : rows)
         if (!r.isHdr())
-            std::printf("| %s | %s | %s | %s | %s | %s |\n", r.format->word, kQualityWords[r.quality],
+            std::printf("| %s | %s | %s | %s | %s | %s | %s |\n", r.format->word, kQualityWords[r.quality],
                         mps(r, r.seconds1).c_str(), mps(r, r.secondsN).c_str(), psnrText(r.photos.psnr()).c_str(),
-                        psnrText(r.generated.psnr()).c_str());
+                        r.generated.values ? psnrText(r.generated.psnr()).c_str() : "-",
+                        r.alphaImages.values ? psnrText(r.alphaImages.psnr()).c_str() : "-");
     if (!hdrCorpus.empty()) {
         std::printf("\n## HDR formats on %zu EXR images\n\nRMSLE of log2(1 + x) over R, G, B (lower is better); "
                     "PSNR of the values clamped to [0, 1].\n\n",

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 
+#include "astc/astc_cpu.h"
 #include "bc/bc1_encoder.h"
 #include "bc/bc2_bc3_cpu.h"
 #include "bc/bc4_bc5_cpu.h"
@@ -101,6 +102,10 @@ inline void encodeBC7(const CPUViewBase& view, const EncoderMode& mode, uint8_t*
     glyptora_bc7::encodeBC7CPU(view, mode.fast, mode.imageHasAlpha, out);
 }
 
+inline void encodeASTC(const CPUViewBase& view, const EncoderMode& mode, uint8_t* out) {
+    glyptora_astc::encodeAstcCPU(view, mode.level, mode.imageHasAlpha, out);
+}
+
 inline constexpr EncoderEntry kBC1a{"BC1a", Q::Fast, 8, false, "encode_bc1a_cpu()",
                                     "BC1a Compressor: no fast-mode for bc1a-gpu, using cpu instead.\n",
                                     &withFastFlag<glyptora_dxt::encodeBC1aCPU>, &kGpuBC1a};
@@ -129,7 +134,7 @@ inline constexpr EncoderEntry kBC6H{"BC6H", Q::Slow, 16, false, "encode_bc6h_cpu
 inline constexpr EncoderEntry kBC7{"BC7", Q::Slow, 16, false, "encode_bc7_cpu()",
                                    "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n",
                                    &encodeBC7, &kGpuBC7};
-inline constexpr EncoderEntry kASTC{"ASTC", Q::Level, 16, true, "astc_encode_cpu()", nullptr, nullptr, nullptr};
+inline constexpr EncoderEntry kASTC{"ASTC", Q::Level, 16, true, "astc_encode_cpu()", nullptr, &encodeASTC, nullptr};
 
 using F = FormatFamily;
 using T = NameTest;

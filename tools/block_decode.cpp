@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "astc/decoder.h"
 #include "bc/alpha_decoders.h"
 #include "bc/bc1_decoder.h"
 #include "bc6h/bc6h_decoder.h"
@@ -94,7 +95,7 @@ BlockDecoder decoderFor(const FormatDesc& format) {
 }  // namespace
 
 bool canDecode(const FormatDesc& format) {
-    return decoderFor(format) != nullptr || format.family == BlockFamily::BC6H;
+    return decoderFor(format) != nullptr || format.family == BlockFamily::BC6H || format.family == BlockFamily::ASTC;
 }
 
 namespace {
@@ -122,6 +123,11 @@ void decodeBlocks(const FormatDesc& format, const uint8_t* blocks, uint32_t widt
 
 bool decodeLevel(const FormatDesc& format, const uint8_t* blocks, uint32_t width, uint32_t height,
                  std::vector<uint8_t>& rgba) {
+    if (format.family == BlockFamily::ASTC) {
+        // sRGB footprints decode like the unorm ones: the statistics compare stored values.
+        glyptora_astc::decodeAstcImage(blocks, width, height, {format.blockWidth, format.blockHeight}, rgba);
+        return true;
+    }
     const BlockDecoder decode = decoderFor(format);
     if (!decode) return false;
     decodeBlocks(format, blocks, width, height, decode, rgba);

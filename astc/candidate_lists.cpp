@@ -1,0 +1,57 @@
+#include "astc/candidate_lists.h"
+
+#include <span>
+
+#include "astc/candidate_list_data.h"
+#include "astc/footprints.h"
+
+namespace glyptora_astc {
+
+namespace {
+
+// Per pass, per footprint 4x4, 5x4, 5x5, 6x5, 6x6, 8x5, 8x6, 8x8, 10x5, 10x6, 10x8, 10x10,
+// 12x10, 12x12.
+constexpr int kPassCounts[7][kAstcFootprintCount] = {
+    {2, 6, 9, 18, 22, 24, 26, 44, 24, 32, 35, 26, 30, 20},
+    {10, 32, 46, 62, 81, 107, 124, 110, 77, 112, 155, 158, 227, 264},
+    {54, 63, 60, 83, 93, 164, 195, 239, 199, 226, 252, 212, 227, 236},
+    {16, 24, 79, 57, 66, 95, 100, 132, 109, 100, 170, 162, 122, 100},
+    {14, 25, 39, 39, 42, 47, 45, 46, 43, 52, 45, 46, 38, 25},
+    {22, 22, 22, 26, 24, 26, 20, 25, 25, 25, 25, 32, 30, 35},
+    {54, 63, 71, 82, 92, 91, 92, 107, 92, 98, 106, 112, 113, 111},
+};
+
+}  // namespace
+
+AstcCandidateList astcPassList(AstcPass pass) {
+    switch (pass) {
+        case AstcPass::HighThreePartitions: return AstcCandidateList::ThreePartitions;
+        case AstcPass::HighFourPartitions: return AstcCandidateList::FourPartitions;
+        case AstcPass::DualPlane: return AstcCandidateList::DualPlane;
+        case AstcPass::HighTwoPartitionDualPlane: return AstcCandidateList::TwoPartitionDualPlane;
+        default: return AstcCandidateList::SinglePlane;
+    }
+}
+
+int astcPassCount(AstcPass pass, int footprint) {
+    if (footprint < 0 || footprint >= kAstcFootprintCount) return 0;
+    return kPassCounts[int(pass)][footprint];
+}
+
+std::vector<AstcModeInfo> astcCandidateModes(AstcCandidateList list, int footprint, int count) {
+    std::span<const uint16_t> entries;
+    bool dual = false;
+    switch (list) {
+        case AstcCandidateList::SinglePlane: entries = kAstcSinglePlaneLists[footprint]; break;
+        case AstcCandidateList::DualPlane:
+            entries = kAstcDualPlaneLists[footprint];
+            dual = true;
+            break;
+        default: break;  // the multi-partition lists come with the multi-partition searches
+    }
+    std::vector<AstcModeInfo> modes;
+    for (size_t i = 0; i < entries.size() && int(i) < count; ++i) modes.push_back(astcModeInfo(entries[i], dual));
+    return modes;
+}
+
+}  // namespace glyptora_astc

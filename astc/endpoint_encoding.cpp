@@ -1,0 +1,198 @@
+#include "astc/endpoint_encoding.h"
+
+#include <cmath>
+
+#include "astc/colour_quantization.h"
+#include "astc/endpoint_decoding.h"
+#include "astc/quantization_tables.h"
+
+namespace glyptora_astc {
+
+namespace {
+
+int toByte(float v) {
+    return v > 0.0f ? (v < 255.0f ? int(v + 0.5f) : 255) : 0;  // NaN fails v > 0
+}
+
+float luminance(const float v[4], const float w[4]) {
+    const float w0 = w[0] * w[0], w1 = w[1] * w[1], w2 = w[2] * w[2];
+    return (w0 * v[0] + w1 * v[1] + w2 * v[2]) / (w0 + w1 + w2);
+}
+
+float sum3(const float v[4]) { return v[0] + v[1] + v[2]; }
+
+// Value `target` (0..255) of a base-plus-offset pair whose decoder drops bit 0: the stored
+// value that keeps bits 7..1, trying both settings of bit 0.
+uint8_t quantizeDroppingLowBit(int range, int target) {
+    const uint8_t even = astcQuantizeColour(range, target & 0xFE), odd = astcQuantizeColour(range, target | 1);
+    if ((astcColourUnquant(range, even) >> 1) == (target >> 1)) return even;
+    if ((astcColourUnquant(range, odd) >> 1) == (target >> 1)) return odd;
+    return astcQuantizeColour(range, target);
+}
+
+// Base value and signed offset (-32..31) as the two stored values of a bit-transfer pair.
+void encodeBaseOffset(int range, int base, int offset, uint8_t& first, uint8_t& second) {
+    offset = offset < -32 ? -32 : (offset > 31 ? 31 : offset);
+    first = quantizeDroppingLowBit(range, (base & 0x7F) << 1);
+    second = quantizeDroppingLowBit(range, (base & 0x80) | ((offset & 0x3F) << 1));
+}
+
+// The pair of levels around targets t0, t1 (one around each) that the quadratic a d0^2 +
+// 2 b d0 d1 + c d1^2 of the differences rates best; the first of equal ones.
+void bestLevelPair(int range, float t0, float t1, float a, float b, float c, uint8_t& v0, uint8_t& v1) {
+    const auto floorByte = [](float t) { return t > 0.0f ? (t < 255.0f ? int(t) : 255) : 0; };
+    const auto ceilByte = [](float t) {
+        return t > 0.0f ? (t < 255.0f ? int(t) + (float(int(t)) < t ? 1 : 0) : 255) : 0;
+    };
+    const uint8_t first[2] = {astcColourLevelBelow(range, floorByte(t0)), astcColourLevelAbove(range, ceilByte(t0))};
+    const uint8_t second[2] = {astcColourLevelBelow(range, floorByte(t1)), astcColourLevelAbove(range, ceilByte(t1))};
+    float best = 3.4e38f;
+    for (int i = 0; i < 2; ++i) {
+        const float d0 = float(astcColourUnquant(range, first[i])) - t0;
+        for (int j = 0; j < 2; ++j) {
+            const float d1 = float(astcColourUnquant(range, second[j])) - t1;
+            const float e = a * d0 * d0 + 2.0f * b * d0 * d1 + c * d1 * d1;
+            if (e < best) best = e, v0 = first[i], v1 = second[j];
+        }
+    }
+}
+
+}  // namespace
+
+void astcEncodeEndpoints(int cem, int range, const float lo[4], const float hi[4], const float weights[4],
+                         AstcEncodedEndpoints& out, const AstcEndpointErrorModel* model) {
+    uint8_t* v = out.values;
+    const auto q = [range](float x) { return astcQuantizeColour(range, toByte(x)); };
+    const auto u = [range](uint8_t x) { return uint8_t(astcColourUnquant(range, x)); };
+    out.invert = false;
+    switch (cem) {
+        case 0:
+        case 4: {
+            const float l0 = luminance(lo, weights), l1 = luminance(hi, weights);
+            if (model) {
+                // The grey pair: the colour channels' quadratics weighted by their weights.
+                float a = 0, b = 0, c = 0;
+                for (int k = 0; k < 3; ++k) {
+                    const float w2 = weights[k] * weights[k];
+                    a += model->a[k] * w2, b += model->b[k] * w2, c += model->c[k] * w2;
+                }
+                bestLevelPair(range, l0, l1, a, b, c, v[0], v[1]);
+                bestLevelPair(range, lo[3], hi[3], model->a[3], model->b[3], model->c[3], v[2], v[3]);
+            } else {
+                v[0] = q(l0);
+                v[1] = q(l1);
+                v[2] = q(lo[3]);
+                v[3] = q(hi[3]);
+            }
+            const uint8_t u0 = u(v[0]), u1 = u(v[1]);
+            const uint8_t a0 = cem == 4 ? u(v[2]) : 255, a1 = cem == 4 ? u(v[3]) : 255;
+            for (int c = 0; c < 3; ++c) out.lo[c] = u0, out.hi[c] = u1;
+            out.lo[3] = a0, out.hi[3] = a1;
+            return;
+        }
+        case 8:
+        case 12: {
+            // Stored direct only when the second endpoint's sum is not below the first's.
+            uint8_t a[4], b[4];
+            for (int c = 0; c < 4; ++c) {
+                if (model)
+                    bestLevelPair(range, lo[c], hi[c], model->a[c], model->b[c], model->c[c], a[c], b[c]);
+                else
+                    a[c] = q(lo[c]), b[c] = q(hi[c]);
+            }
+            uint8_t ua[4], ub[4];
+            for (int c = 0; c < 4; ++c) ua[c] = u(a[c]), ub[c] = u(b[c]);
+            if (cem == 8) ua[3] = ub[3] = 255;
+            out.invert = ua[0] + ua[1] + ua[2] > ub[0] + ub[1] + ub[2];
+            const uint8_t* first = out.invert ? b : a;
+            const uint8_t* second = out.invert ? a : b;
+            for (int c = 0; c < 4; ++c) {
+                v[2 * c] = first[c], v[2 * c + 1] = second[c];
+                out.lo[c] = ua[c], out.hi[c] = ub[c];
+            }
+            return;
+        }
+        case 6:
+        case 10: {
+            // The base is the brighter endpoint; the other is the base scaled by s / 256.
+            out.invert = sum3(lo) > sum3(hi);
+            const float* bright = out.invert ? lo : hi;
+            const float* dark = out.invert ? hi : lo;
+            for (int c = 0; c < 3; ++c) v[c] = q(bright[c]);
+            float dot = 0.0f, norm = 0.0f;
+            for (int c = 0; c < 3; ++c) {
+                const float b = float(u(v[c]));
+                dot += dark[c] * b * weights[c] * weights[c];
+                norm += b * b * weights[c] * weights[c];
+            }
+            v[3] = q(norm > 0.0f ? 256.0f * dot / norm : 255.0f);
+            v[4] = q(dark[3]);
+            v[5] = q(bright[3]);
+            break;
+        }
+        case 9:
+        case 13: {
+            // Base and offset, oriented so that the offsets' sum is not negative.
+            int a[4], b[4];
+            for (int c = 0; c < 4; ++c) a[c] = toByte(lo[c]), b[c] = toByte(hi[c]);
+            out.invert = a[0] + a[1] + a[2] > b[0] + b[1] + b[2];
+            const int* base = out.invert ? b : a;
+            const int* other = out.invert ? a : b;
+            for (int c = 0; c < 4; ++c) encodeBaseOffset(range, base[c], other[c] - base[c], v[2 * c], v[2 * c + 1]);
+            break;
+        }
+        default: break;
+    }
+    // The modes whose values combine: decode what was stored.
+    uint8_t unquantised[8];
+    const int count = astcEndpointValueCount(cem);
+    for (int i = 0; i < count; ++i) unquantised[i] = u(v[i]);
+    uint8_t e0[4], e1[4];
+    decodeAstcEndpoints(cem, unquantised, e0, e1);
+    for (int c = 0; c < 4; ++c) {
+        out.lo[c] = out.invert ? e1[c] : e0[c];
+        out.hi[c] = out.invert ? e0[c] : e1[c];
+    }
+}
+
+bool astcEncodeEndpointsBlueContracted(int cem, int range, const float lo[4], const float hi[4],
+                                       AstcEncodedEndpoints& out) {
+    // Expanded endpoints (2r - b, 2g - b, b) must lie in 0..255.
+    float expanded[2][3];
+    const float* endpoints[2] = {lo, hi};
+    for (int e = 0; e < 2; ++e) {
+        const float* p = endpoints[e];
+        expanded[e][0] = 2.0f * p[0] - p[2];
+        expanded[e][1] = 2.0f * p[1] - p[2];
+        expanded[e][2] = p[2];
+        for (int c = 0; c < 2; ++c)
+            if (expanded[e][c] < -0.5f || expanded[e][c] > 255.5f) return false;
+    }
+    uint8_t q[2][4];
+    int sums[2] = {0, 0};
+    for (int e = 0; e < 2; ++e) {
+        for (int c = 0; c < 3; ++c) {
+            q[e][c] = astcQuantizeColour(range, toByte(expanded[e][c]));
+            sums[e] += astcColourUnquant(range, q[e][c]);
+        }
+        q[e][3] = astcQuantizeColour(range, toByte(endpoints[e][3]));
+    }
+    // The decoder contracts when the second stored endpoint sums below the first, and then
+    // returns the second as its first endpoint: store the fitted first endpoint second, or
+    // swap (and mirror the weights) when its sum is the larger.
+    if (sums[0] == sums[1]) return false;
+    out.invert = sums[0] > sums[1];
+    const uint8_t* first = out.invert ? q[0] : q[1];
+    const uint8_t* second = out.invert ? q[1] : q[0];
+    for (int c = 0; c < 4; ++c) out.values[2 * c] = first[c], out.values[2 * c + 1] = second[c];
+    uint8_t unquantised[8], e0[4], e1[4];
+    for (int i = 0; i < 8; ++i) unquantised[i] = astcColourUnquant(range, out.values[i]);
+    decodeAstcEndpoints(cem, unquantised, e0, e1);
+    for (int c = 0; c < 4; ++c) {
+        out.lo[c] = out.invert ? e1[c] : e0[c];
+        out.hi[c] = out.invert ? e0[c] : e1[c];
+    }
+    return true;
+}
+
+}  // namespace glyptora_astc
