@@ -90,6 +90,9 @@ TEST_F(ServerFaults, KilledServerGivesTheErrorLine) {
     ASSERT_TRUE(World::waitForEnd(client, 20s, &status));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
     EXPECT_EQ(errorsOf("slow.err"), "Error: Server does not respond (Connection reset by peer)\n");
+    // The kill takes effect asynchronously: a dying server may still hold its listening socket
+    // after its client saw the reset, and a connection made then would be reset too.
+    ASSERT_TRUE(World::waitForEnd(server, 10s));
     EXPECT_TRUE(quickRequest());
     EXPECT_NE(world.serverId(), 0);
     EXPECT_NE(world.serverId(), server);
