@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "bc6h/bits.h"
+#include "core/host_device.h"
 
 namespace glyptora_bc6h {
 
@@ -21,9 +22,54 @@ struct Pattern {
 };
 
 // In the order the search tries them: two-region modes (mode values 2, 6, 10, 0, 14, 18,
-// 22, 26, 1, 30) and one-region modes (15, 11, 7, 3).
-extern const Pattern kTwoRegionPatterns[10];
-extern const Pattern kOneRegionPatterns[4];
+// 22, 26, 1, 30) and one-region modes (15, 11, 7, 3). Host tables: device code reads the
+// modes through the fast block writer's compile-time copy (fast_block_writer.h).
+// Layout strings list the header fields from the last header bit back to the first; a range
+// [a:b] is stored starting with bit b, so the one-region modes' "[10:15]" high bits are stored
+// most significant first, as the format lays them out.
+inline constexpr Pattern kTwoRegionPatterns[10] = {
+    {2, {{11, 5, 5, 5}, {11, 4, 4, 4}, {11, 4, 4, 4}}, true, 2, 5,
+     "d[4:0],bz[3],rz[4:0],bz[2],ry[4:0],by[3:0],bz[1],bw[10],bx[3:0],gz[3:0],bz[0],gw[10],gx[3:0],gy[3:0],rw[10],"
+     "rx[4:0],bw[9:0],gw[9:0],rw[9:0],m[4:0]"},
+    {2, {{11, 4, 4, 4}, {11, 5, 5, 5}, {11, 4, 4, 4}}, true, 6, 5,
+     "d[4:0],bz[3],gy[4],rz[3:0],bz[2],bz[0],ry[3:0],by[3:0],bz[1],bw[10],bx[3:0],gz[3:0],gw[10],gx[4:0],gy[3:0],"
+     "gz[4],rw[10],rx[3:0],bw[9:0],gw[9:0],rw[9:0],m[4:0]"},
+    {2, {{11, 4, 4, 4}, {11, 4, 4, 4}, {11, 5, 5, 5}}, true, 10, 5,
+     "d[4:0],bz[3],bz[4],rz[3:0],bz[2],bz[1],ry[3:0],by[3:0],bw[10],bx[4:0],gz[3:0],bz[0],gw[10],gx[3:0],gy[3:0],"
+     "by[4],rw[10],rx[3:0],bw[9:0],gw[9:0],rw[9:0],m[4:0]"},
+    {2, {{10, 5, 5, 5}, {10, 5, 5, 5}, {10, 5, 5, 5}}, true, 0, 2,
+     "d[4:0],bz[3],rz[4:0],bz[2],ry[4:0],by[3:0],bz[1],bx[4:0],gz[3:0],bz[0],gx[4:0],gy[3:0],gz[4],rx[4:0],bw[9:0],"
+     "gw[9:0],rw[9:0],bz[4],by[4],gy[4],m[1:0]"},
+    {2, {{9, 5, 5, 5}, {9, 5, 5, 5}, {9, 5, 5, 5}}, true, 14, 5,
+     "d[4:0],bz[3],rz[4:0],bz[2],ry[4:0],by[3:0],bz[1],bx[4:0],gz[3:0],bz[0],gx[4:0],gy[3:0],gz[4],rx[4:0],bz[4],"
+     "bw[8:0],gy[4],gw[8:0],by[4],rw[8:0],m[4:0]"},
+    {2, {{8, 6, 6, 6}, {8, 5, 5, 5}, {8, 5, 5, 5}}, true, 18, 5,
+     "d[4:0],rz[5:0],ry[5:0],by[3:0],bz[1],bx[4:0],gz[3:0],bz[0],gx[4:0],gy[3:0],rx[5:0],bz[4],bz[3],bw[7:0],gy[4],"
+     "bz[2],gw[7:0],by[4],gz[4],rw[7:0],m[4:0]"},
+    {2, {{8, 5, 5, 5}, {8, 6, 6, 6}, {8, 5, 5, 5}}, true, 22, 5,
+     "d[4:0],bz[3],rz[4:0],bz[2],ry[4:0],by[3:0],bz[1],bx[4:0],gz[3:0],gx[5:0],gy[3:0],gz[4],rx[4:0],bz[4],gz[5],"
+     "bw[7:0],gy[4],gy[5],gw[7:0],by[4],bz[0],rw[7:0],m[4:0]"},
+    {2, {{8, 5, 5, 5}, {8, 5, 5, 5}, {8, 6, 6, 6}}, true, 26, 5,
+     "d[4:0],bz[3],rz[4:0],bz[2],ry[4:0],by[3:0],bx[5:0],gz[3:0],bz[0],gx[4:0],gy[3:0],gz[4],rx[4:0],bz[4],bz[5],"
+     "bw[7:0],gy[4],by[5],gw[7:0],by[4],bz[1],rw[7:0],m[4:0]"},
+    {2, {{7, 6, 6, 6}, {7, 6, 6, 6}, {7, 6, 6, 6}}, true, 1, 2,
+     "d[4:0],rz[5:0],ry[5:0],by[3:0],bx[5:0],gz[3:0],gx[5:0],gy[3:0],rx[5:0],bz[4],bz[5],bz[3],bw[6:0],gy[4],bz[2],"
+     "by[5],gw[6:0],by[4],bz[1],bz[0],rw[6:0],gz[5],gz[4],gy[5],m[1:0]"},
+    {2, {{6, 6, 6, 6}, {6, 6, 6, 6}, {6, 6, 6, 6}}, false, 30, 5,
+     "d[4:0],rz[5:0],ry[5:0],by[3:0],bx[5:0],gz[3:0],gx[5:0],gy[3:0],rx[5:0],bz[4],bz[5],bz[3],gz[5],bw[5:0],gy[4],"
+     "bz[2],by[5],gy[5],gw[5:0],by[4],bz[1],bz[0],gz[4],rw[5:0],m[4:0]"},
+};
+
+inline constexpr Pattern kOneRegionPatterns[4] = {
+    {1, {{16, 4, 0, 0}, {16, 4, 0, 0}, {16, 4, 0, 0}}, true, 15, 5,
+     "bw[10:15],bx[3:0],gw[10:15],gx[3:0],rw[10:15],rx[3:0],bw[9:0],gw[9:0],rw[9:0],m[4:0]"},
+    {1, {{12, 8, 0, 0}, {12, 8, 0, 0}, {12, 8, 0, 0}}, true, 11, 5,
+     "bw[10:11],bx[7:0],gw[10:11],gx[7:0],rw[10:11],rx[7:0],bw[9:0],gw[9:0],rw[9:0],m[4:0]"},
+    {1, {{11, 9, 0, 0}, {11, 9, 0, 0}, {11, 9, 0, 0}}, true, 7, 5,
+     "bw[10],bx[8:0],gw[10],gx[8:0],rw[10],rx[8:0],bw[9:0],gw[9:0],rw[9:0],m[4:0]"},
+    {1, {{10, 10, 0, 0}, {10, 10, 0, 0}, {10, 10, 0, 0}}, false, 3, 5,
+     "bx[9:0],gx[9:0],rx[9:0],bw[9:0],gw[9:0],rw[9:0],m[4:0]"},
+};
 
 // The pattern a block's mode field names, or nullptr for the reserved mode values.
 const Pattern* patternOfBlock(const uint8_t block[16]);
@@ -47,12 +93,36 @@ int texelValue(float value, bool isSigned);
 // The published unquantisation of an endpoint of `bits` bits, the final scaling of an
 // interpolated value to a half bit pattern (sign and magnitude in signed form), and the
 // interpolation with 6-bit weights.
-int unquantize(int value, int bits, bool isSigned);
-uint16_t finishUnquantize(int value, bool isSigned);
-inline int interpolate(int a, int b, int weight) { return (a * (64 - weight) + b * weight + 32) >> 6; }
+GLYPTORA_HD inline int unquantize(int value, int bits, bool isSigned) {
+    if (!isSigned) {
+        if (bits >= 15 || value == 0) return value;
+        if (value == (1 << bits) - 1) return 0xFFFF;
+        return ((value << 16) + 0x8000) >> bits;
+    }
+    if (bits >= 16) return value;
+    const bool negative = value < 0;
+    const int magnitude = negative ? -value : value;
+    int result;
+    if (magnitude == 0)
+        result = 0;
+    else if (magnitude >= (1 << (bits - 1)) - 1)
+        result = 0x7FFF;
+    else
+        result = ((magnitude << 15) + 0x4000) >> (bits - 1);
+    return negative ? -result : result;
+}
+
+GLYPTORA_HD inline uint16_t finishUnquantize(int value, bool isSigned) {
+    if (!isSigned) return uint16_t((value * 31) >> 6);
+    // Scale the magnitude by 31/32 so 0x7FFF maps to the largest finite half; a negative value
+    // that scales to zero becomes +0, never -0.
+    const int magnitude = ((value < 0 ? -value : value) * 31) >> 5;
+    return uint16_t(value < 0 && magnitude ? 0x8000 | magnitude : magnitude);
+}
+GLYPTORA_HD inline int interpolate(int a, int b, int weight) { return (a * (64 - weight) + b * weight + 32) >> 6; }
 
 // Two's-complement value of the low `bits` bits of `value` (deltas and signed endpoints).
-inline int signExtend(int value, int bits) {
+GLYPTORA_HD inline int signExtend(int value, int bits) {
     const int sign = 1 << (bits - 1);
     return (value & (sign - 1)) - (value & sign);
 }

@@ -1,17 +1,24 @@
 #pragma once
 // Block assembly of the fast BC6H encoder. Walking a mode's layout string bit by bit takes
 // about half a microsecond, half as long as the rest of a block's encoding, so each mode's
-// header is learned once from the shared header writer: the mode bits (written with all
-// fields zero) and, by writing one field bit at a time, the block position of every field
-// bit. Consecutive positions holding consecutive bits of one field merge into runs; a block
-// is then the mode bits, a dozen shifted runs and the indices, put together in two 64-bit
-// words.
+// header is learned at compile time from the layout string: the mode bits and the block
+// position of every field bit. Consecutive positions holding consecutive bits of one field
+// merge into runs; a block is then the mode bits, a dozen shifted runs and the indices, put
+// together in two 64-bit words.
 #include <cstdint>
 #include <cstring>
 
 #include "bc6h/bc6h_format.h"
-#include "core/assert.h"
+#include "bc6h/header_walk.h"
+#include "core/host_device.h"
 #include "core/vec4.h"
+
+// Tables the kernels read live in device memory under nvcc, as the BC7 tables do.
+#if defined(__CUDACC__)
+#define GLYPTORA_BC6H_TABLE __device__ constexpr
+#else
+#define GLYPTORA_BC6H_TABLE inline constexpr
+#endif
 
 namespace glyptora_bc6h {
 inline namespace GLYPTORA_SIMD_ABI {
@@ -34,39 +41,26 @@ struct ModeLayout {
     int headerBits;
 };
 
-// Learns the layout of one mode from writeHeader.
-inline ModeLayout learnLayout(const Pattern& pattern) {
+// Learns the layout of one mode at compile time from its layout string (header_walk.h), the
+// description the header writer walks too: the mode bits and, for every other header bit,
+// the field bit it holds.
+constexpr ModeLayout learnLayout(const Pattern& pattern) {
     ModeLayout layout{};
-    auto write = [&](int shape, const StoredEndpoints& fields, int* bitsWritten) {
-        uint8_t block[16] = {};
-        BC6HModes::Bits out(block, 128);
-        writeHeader(pattern, shape, fields, out);
-        if (bitsWritten) *bitsWritten = out.getptr();
-        uint64_t words[2];
-        std::memcpy(words, block, 16);
-        return (unsigned __int128)words[1] << 64 | words[0];
-    };
-    const StoredEndpoints zero{};
-    const unsigned __int128 modeBits = write(0, zero, &layout.headerBits);
-    layout.modeBits[0] = uint64_t(modeBits);
-    layout.modeBits[1] = uint64_t(modeBits >> 64);
     // source[p]: field * 32 + bit of block position p, or -1 for mode bits.
-    int source[128];
+    int source[128] = {};
     for (int& s : source) s = -1;
-    auto record = [&](unsigned __int128 word, int field, int bit) {
-        word ^= modeBits;
-        for (int p = 0; p < 128; ++p)
-            if ((word >> p) & 1) source[p] = field * 32 + bit;
-    };
-    for (int e = 0; e < 2 * pattern.regions; ++e)
-        for (int c = 0; c < 3; ++c)
-            for (int bit = 0; bit < pattern.bits[c][e]; ++bit) {
-                StoredEndpoints one{};
-                one.field[e][c] = 1 << bit;
-                record(write(0, one, nullptr), 3 * e + c, bit);
-            }
-    if (pattern.regions == 2)
-        for (int bit = 0; bit < 5; ++bit) record(write(1 << bit, zero, nullptr), kShapeField, bit);
+    int position = 0;
+    forEachHeaderBit(pattern.layout, [&](char name0, char name1, int bit) {
+        if (name0 == 'm') {
+            if ((pattern.modeValue >> bit) & 1) layout.modeBits[position >> 6] |= uint64_t(1) << (position & 63);
+        } else if (name0 == 'd') {
+            source[position] = kShapeField * 32 + bit;
+        } else {
+            source[position] = (3 * endpointOf(name1) + channelOf(name0)) * 32 + bit;
+        }
+        ++position;
+    });
+    layout.headerBits = position;
     for (int p = 0; p < layout.headerBits; ++p) {
         if (source[p] < 0) continue;
         HeaderRun* last = layout.runCount ? &layout.runs[layout.runCount - 1] : nullptr;
@@ -76,34 +70,52 @@ inline ModeLayout learnLayout(const Pattern& pattern) {
             ++last->count;
             continue;
         }
-        GLYPTORA_ASSERT(layout.runCount < 64);
+        // More than 64 runs would index past `runs`, which stops the compilation.
         layout.runs[layout.runCount++] = HeaderRun{uint8_t(source[p] / 32), uint8_t(source[p] % 32), uint8_t(p), 1};
     }
     return layout;
 }
 
-// Layouts of the one-region modes (in the order of kOneRegionPatterns) and the two-region
-// modes (kTwoRegionPatterns), learned on first use.
-struct ModeLayouts {
-    ModeLayout one[4];
-    ModeLayout two[10];
+// What the fast encoder needs of one mode, on the host and on the device: the field widths,
+// whether endpoints after w are deltas, the mode value and the header's runs.
+struct FastMode {
+    int bits[3][4];
+    bool transformed;
+    int modeValue;
+    ModeLayout layout;
 };
 
-inline const ModeLayouts& modeLayouts() {
-    static const ModeLayouts layouts = [] {
-        ModeLayouts l;
-        for (int m = 0; m < 4; ++m) l.one[m] = learnLayout(kOneRegionPatterns[m]);
-        for (int m = 0; m < 10; ++m) l.two[m] = learnLayout(kTwoRegionPatterns[m]);
-        return l;
-    }();
-    return layouts;
+// The one-region modes (in the order of kOneRegionPatterns) and the two-region modes
+// (kTwoRegionPatterns).
+struct FastModes {
+    FastMode one[4];
+    FastMode two[10];
+};
+
+constexpr FastMode fastModeOf(const Pattern& p) {
+    FastMode m{};
+    for (int c = 0; c < 3; ++c)
+        for (int e = 0; e < 4; ++e) m.bits[c][e] = p.bits[c][e];
+    m.transformed = p.transformed;
+    m.modeValue = p.modeValue;
+    m.layout = learnLayout(p);
+    return m;
 }
+
+constexpr FastModes makeFastModes() {
+    FastModes modes{};
+    for (int m = 0; m < 4; ++m) modes.one[m] = fastModeOf(kOneRegionPatterns[m]);
+    for (int m = 0; m < 10; ++m) modes.two[m] = fastModeOf(kTwoRegionPatterns[m]);
+    return modes;
+}
+
+GLYPTORA_BC6H_TABLE FastModes kFastModes = makeFastModes();
 
 // Writes a block: header fields as stored (`fields`, masked by the runs), then the sixteen
 // indices of `indexBits` bits, the anchor texels' one bit shorter (texel 0, and `anchor2`
 // when it is not 0).
-inline void writeBlock(const ModeLayout& layout, int shape, const StoredEndpoints& fields, const int (&idx)[16],
-                       int indexBits, int anchor2, uint8_t out[16]) {
+GLYPTORA_HD inline void writeBlock(const ModeLayout& layout, int shape, const StoredEndpoints& fields,
+                                   const int (&idx)[16], int indexBits, int anchor2, uint8_t out[16]) {
     int values[13];  // numbered as the runs' fields
     for (int e = 0; e < 4; ++e)
         for (int c = 0; c < 3; ++c) values[3 * e + c] = fields.field[e][c];
@@ -123,7 +135,7 @@ inline void writeBlock(const ModeLayout& layout, int shape, const StoredEndpoint
         p += (i == 0 || i == anchor2) ? indexBits - 1 : indexBits;
     }
     words[1] |= indices << (layout.headerBits - 64);  // headers of 65 or 82 bits
-    std::memcpy(out, words, 16);
+    memcpy(out, words, 16);
 }
 
 }  // namespace fast

@@ -76,7 +76,7 @@ bool runEncoderEntry(const EncoderEntry& entry, const CPUInputBuffer& input, int
     }
     if (gpu)
         return encodeOnGpu(*entry.gpu, entry.name, *buffer, static_cast<uint8_t*>(output), outputInDeviceMemory,
-                           timing, imageHasAlpha);
+                           timing, imageHasAlpha, isSigned);
 
     glyptora::ScopedTimer timer(timing, entry.cpuTimerLabel);
     if (!acceptsTiles(entry, *buffer, modeArgument) || !entry.cpu) return false;

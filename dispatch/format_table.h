@@ -85,6 +85,10 @@ inline constexpr GpuPlan kGpuBC5S{"s_encode_bc5s_gpu()", "encode_bc5s_gpu()", 1,
 // BC7 runs the staged sequence (gpu/bc7_gpu_encode.h), which opens "bc7_encode_gpu()" itself.
 inline constexpr GpuPlan kGpuBC7{"s_encode_bc7_gpu()", "bc7_encode_gpu()", 12, 16, false, nullptr, nullptr,
                                  GpuStages::BC7};
+// BC6H runs its sequence (gpu/bc6h_gpu_encode.h) on the source type as it is, which opens
+// "bc6h_encode_gpu()" itself.
+inline constexpr GpuPlan kGpuBC6H{"s_encode_bc6h_gpu()", "bc6h_encode_gpu()", 12, 16, false, nullptr, nullptr,
+                                  GpuStages::BC6H};
 
 using Q = QualityFlag;
 
@@ -130,7 +134,7 @@ inline constexpr EncoderEntry kBC5S{"BC5S", Q::Slow, 16, false, "encode_bc5s_cpu
                                     &withFastFlag<glyptora_dxt::encodeBC5SCPU>, &kGpuBC5S};
 inline constexpr EncoderEntry kBC6H{"BC6H", Q::Slow, 16, false, "encode_bc6h_cpu()",
                                     "BC6H Compressor: no slow-mode for bc6-gpu, using cpu instead.\n",
-                                    &encodeBC6H, nullptr};
+                                    &encodeBC6H, &kGpuBC6H};
 inline constexpr EncoderEntry kBC7{"BC7", Q::Slow, 16, false, "encode_bc7_cpu()",
                                    "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n",
                                    &encodeBC7, &kGpuBC7};

@@ -9,6 +9,7 @@
 #include "core/cpu_input_buffer.h"
 #include "core/diagnostics.h"
 #include "core/timing_context.h"
+#include "gpu/bc6h_gpu_encode.h"
 #include "gpu/bc7_gpu_encode.h"
 #include "gpu/cuda_driver.h"
 #include "gpu/gpu_buffer.h"
@@ -49,9 +50,9 @@ const char* conversionKernel() {
 class ChunkEncoder {
 public:
     ChunkEncoder(const GpuSession& session, const GpuPlan& plan, uint64_t tilesPerLaunch, bool imageHasAlpha,
-                 TimingContext* timing)
+                 bool isSigned, TimingContext* timing)
         : m_session(session), m_api(session.api()), m_plan(plan), m_tilesPerLaunch(tilesPerLaunch),
-          m_imageHasAlpha(imageHasAlpha), m_timing(timing) {}
+          m_imageHasAlpha(imageHasAlpha), m_isSigned(isSigned), m_timing(timing) {}
 
     bool failed() const { return m_failed; }
 
@@ -60,7 +61,10 @@ public:
         using GPUBuffer = glyptora::TGPUBuffer<TGPUView<Source>, CPUBuffer>;
         const GPUBuffer tiles(cpu, range.first, int64_t(range.end), m_timing);
         if (!tiles.ok()) return fail("host to device copy", tiles.error());
-        if (m_plan.signedKernels) encodeTiles<Source, int8_t>(tiles.view(), range, output, outputInDeviceMemory);
+        // BC6H reads every source type itself.
+        if (m_plan.stages == GpuStages::BC6H)
+            encodeTiles<Source, Source>(tiles.view(), range, output, outputInDeviceMemory);
+        else if (m_plan.signedKernels) encodeTiles<Source, int8_t>(tiles.view(), range, output, outputInDeviceMemory);
         else encodeTiles<Source, uint8_t>(tiles.view(), range, output, outputInDeviceMemory);
     }
 
@@ -141,6 +145,7 @@ private:
         if constexpr (std::is_same_v<T, uint8_t>) {
             if (m_plan.stages == GpuStages::BC7) return launchBC7(view, out);
         }
+        if (m_plan.stages == GpuStages::BC6H) return launchBC6H(view, out);
         ScopedTimer timer(m_timing, m_plan.launchLabel);
         uint32_t n = view.tileCount;
         const unsigned grid = unsigned((uint64_t(n) + 63) / 64);
@@ -164,8 +169,18 @@ private:
 
     // The staged BC7 sequence, which opens its own timing scope.
     void launchBC7(const GPUU8View& view, cuda::CUdeviceptr out) {
-        const glyptora_bc7::GpuSequenceFailure failure =
-            glyptora_bc7::t_bc7_encode_gpu(m_session, view, m_imageHasAlpha, out, m_timing);
+        report(glyptora_bc7::t_bc7_encode_gpu(m_session, view, m_imageHasAlpha, out, m_timing));
+    }
+
+    // The BC6H sequence of the request's signedness, which opens its own timing scope.
+    template <typename T>
+    void launchBC6H(const TGPUView<T>& view, cuda::CUdeviceptr out) {
+        using namespace glyptora_bc6h;
+        if (m_isSigned) report(t_bc6h_encode_gpu<TGPUView<T>, SignedFuncs>(m_session, view, out, m_timing));
+        else report(t_bc6h_encode_gpu<TGPUView<T>, UnsignedFuncs>(m_session, view, out, m_timing));
+    }
+
+    void report(const glyptora_bc7::GpuSequenceFailure& failure) {
         if (failure.missingKernel) lookUp(failure.missingKernel);
         else if (failure.step) fail(failure.step, failure.result);
     }
@@ -189,13 +204,14 @@ private:
     const GpuPlan& m_plan;
     const uint64_t m_tilesPerLaunch;
     const bool m_imageHasAlpha;
+    const bool m_isSigned;
     TimingContext* m_timing;
     bool m_failed = false;
 };
 
 template <typename Source, typename CPUBuffer>
 bool encodeChunks(const GpuSession& session, const GpuPlan& plan, const CPUBuffer& buffer, uint8_t* output,
-                  bool outputInDeviceMemory, bool imageHasAlpha, TimingContext* timing) {
+                  bool outputInDeviceMemory, bool imageHasAlpha, bool isSigned, TimingContext* timing) {
     const CudaDeviceProperties& properties = session.properties();
     const uint64_t tilesPerChunk = capped(
         gpuTilesPerChunk(properties.totalGlobalMem, buffer.tileWidth, buffer.tileHeight, int(buffer.bytesPerPixel())),
@@ -205,7 +221,7 @@ bool encodeChunks(const GpuSession& session, const GpuPlan& plan, const CPUBuffe
         capped(gpuLaunchLimit(properties.clockRate, properties.multiProcessorCount, plan.launchDivisor),
                g_maxTilesPerLaunch.load());
 
-    ChunkEncoder encoder(session, plan, tilesPerLaunch, imageHasAlpha, timing);
+    ChunkEncoder encoder(session, plan, tilesPerLaunch, imageHasAlpha, isSigned, timing);
     forEachEvenSplit(buffer.tileCount, chunks, [&](TileRange range) {
         if (!encoder.failed()) encoder.template encode<Source>(buffer, range, output, outputInDeviceMemory);
     });
@@ -215,7 +231,7 @@ bool encodeChunks(const GpuSession& session, const GpuPlan& plan, const CPUBuffe
 }  // namespace
 
 bool encodeOnGpu(const GpuPlan& plan, const char* entryName, const CPUBuffer_Base& buffer, uint8_t* output,
-                 bool outputInDeviceMemory, TimingContext* timing, bool imageHasAlpha) {
+                 bool outputInDeviceMemory, TimingContext* timing, bool imageHasAlpha, bool isSigned) {
     if (buffer.tileCount == 0) return true;  // no chunk, no output
     if (buffer.tileWidth != 4 || buffer.tileHeight != 4) {
         diagnosticPrint("%s Compressor: only tile size 4x4 is supported.\n", entryName);
@@ -224,11 +240,12 @@ bool encodeOnGpu(const GpuPlan& plan, const char* entryName, const CPUBuffer_Bas
     const GpuSession* session = currentGpuSession();
     if (!session) return false;
     if (auto* u8 = dynamic_cast<const glyptora::U8TileBuffer*>(&buffer))
-        return encodeChunks<uint8_t>(*session, plan, *u8, output, outputInDeviceMemory, imageHasAlpha, timing);
+        return encodeChunks<uint8_t>(*session, plan, *u8, output, outputInDeviceMemory, imageHasAlpha, isSigned,
+                                     timing);
     if (auto* s8 = dynamic_cast<const glyptora::S8TileBuffer*>(&buffer))
-        return encodeChunks<int8_t>(*session, plan, *s8, output, outputInDeviceMemory, imageHasAlpha, timing);
+        return encodeChunks<int8_t>(*session, plan, *s8, output, outputInDeviceMemory, imageHasAlpha, isSigned, timing);
     if (auto* f32 = dynamic_cast<const glyptora::F32TileBuffer*>(&buffer))
-        return encodeChunks<float>(*session, plan, *f32, output, outputInDeviceMemory, imageHasAlpha, timing);
+        return encodeChunks<float>(*session, plan, *f32, output, outputInDeviceMemory, imageHasAlpha, isSigned, timing);
     return false;
 }
 

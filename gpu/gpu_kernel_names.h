@@ -27,6 +27,14 @@ inline constexpr const char* kBC7Stages[14] = {
     "glyptora_bc7_stage9",  "glyptora_bc7_stage10", "glyptora_bc7_stage11", "glyptora_bc7_stage12",
     "glyptora_bc7_stage13", "glyptora_bc7_stage14"};
 
+// BC6H (gpu/bc6h_gpu_stages.h), 128 threads per CUDA block: the texels of a view into the
+// float scratch, one thread per texel, by source type (u8, s8, f32), each taking
+// (view, float* texels); the block encoders, one thread per block, unsigned then signed,
+// each taking (glyptora_bc6h::bc6h_gpu).
+inline constexpr const char* kBC6HTexels[3] = {"glyptora_bc6h_texels_u8", "glyptora_bc6h_texels_s8",
+                                               "glyptora_bc6h_texels_f32"};
+inline constexpr const char* kBC6HEncode[2] = {"glyptora_bc6h_encode_unsigned", "glyptora_bc6h_encode_signed"};
+
 // The FLT_MAX fill of scratch error arrays, one thread per float, 128 threads per CUDA block.
 inline constexpr const char* kFillFltMax = "glyptora_g_fill_flt_max";  // (float* values, uint64 count)
 

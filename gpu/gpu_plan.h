@@ -3,9 +3,10 @@
 // The format table names one plan per format that has kernels.
 namespace glyptora_internal {
 
-// How the blocks are made: one or two block kernels a launch, or the staged BC7 sequence
-// (gpu/bc7_gpu_encode.h).
-enum class GpuStages : unsigned char { BlockKernels, BC7 };
+// How the blocks are made: one or two block kernels a launch, the staged BC7 sequence
+// (gpu/bc7_gpu_encode.h) or the BC6H sequence (gpu/bc6h_gpu_encode.h), which reads the
+// source view as it is and takes the signedness from the request.
+enum class GpuStages : unsigned char { BlockKernels, BC7, BC6H };
 
 struct GpuPlan {
     const char* chunkLabel;     // timing scope of the per-chunk encoder, "s_encode_bc1a_gpu()"

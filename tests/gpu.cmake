@@ -4,7 +4,7 @@
 set(fake_cuda_dir ${CMAKE_CURRENT_BINARY_DIR}/fake_cuda)
 add_library(glyptora_fake_cuda SHARED ${CMAKE_CURRENT_SOURCE_DIR}/support_fake_cuda/fake_cuda.cpp)
 target_include_directories(glyptora_fake_cuda PRIVATE ${CMAKE_SOURCE_DIR})
-# The BC7 stage functions reach the core's assertion handler; the stand-in carries its own copy.
+# The BC7 and BC6H stage functions reach the core's assertion handler; the stand-in carries its own copy.
 target_link_libraries(glyptora_fake_cuda PRIVATE glyptora_core)
 # The kernels' arithmetic as nvcc compiles it: the scalar vector backend (device code has no
 # SSE) and the colour fit inline, not forwarded to the library's SSE entry points.
@@ -22,7 +22,7 @@ foreach(entry_points 0 1 2)
   list(APPEND old_cuda_drivers glyptora_old_cuda_${entry_points})
 endforeach()
 
-foreach(test gpu_driver_test gpu_encode_host_test gpu_bc7_host_test)
+foreach(test gpu_driver_test gpu_encode_host_test gpu_bc7_host_test gpu_bc6h_host_test)
   if(TARGET ${test})
     target_link_libraries(${test} PRIVATE glyptora_fake_cuda)
     target_include_directories(${test} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support_fake_cuda)
@@ -36,7 +36,7 @@ foreach(test gpu_driver_test gpu_encode_host_test gpu_bc7_host_test)
 endforeach()
 
 # The tests compute the blocks the kernels must write with the kernels' arithmetic too.
-foreach(test gpu_encode_host_test gpu_bc7_host_test gpu_device_test)
+foreach(test gpu_encode_host_test gpu_bc7_host_test gpu_bc6h_host_test gpu_device_test)
   if(TARGET ${test})
     target_compile_definitions(${test} PRIVATE ${kernel_arithmetic})
   endif()

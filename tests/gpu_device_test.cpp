@@ -59,3 +59,35 @@ TEST_F(GpuDeviceTest, OddSizesSplitsAndDeviceOutputsGiveTheSameBlocks) {
             gpu_testing::setWorkLimits(0, 0);
         }
 }
+
+// BC6H: the fast encoder's blocks for every source type and signedness, HDR floats (many
+// octaves, both signs, values past the largest half) included; the device rounds as the host.
+TEST_F(GpuDeviceTest, BC6HGivesTheCpuFastBlocks) {
+    std::vector<gpu_quality::SourceImage> images = {makeSource(1, 1, 31), makeSource(129, 65, 32),
+                                                    makeSource(200, 100, 33)};
+    for (gpu_quality::SourceImage& image : images)
+        for (size_t i = 0; i < image.f32.size(); ++i)
+            if ((i / 4) % 3 == 1) image.f32[i] = image.f32[i] * image.f32[i] * 3000.0f - 40.0f;
+    const cuda::DriverApi& api = currentGpuSession()->api();
+    for (int32_t valueType : kValueTypes)
+        for (bool isSigned : {false, true}) {
+            SCOPED_TRACE(caseName(format_table::kBC6H, valueType) + (isSigned ? " signed" : " unsigned"));
+            auto input = makeInput(images, valueType);
+            const size_t bytes = size_t(input->tileCount()) * 16;
+            std::vector<uint8_t> expected(bytes), gpu(bytes, 0xFF), onDevice(bytes);
+            ASSERT_TRUE(runEncoderEntry(format_table::kBC6H, *input, 0, isSigned, false, expected.data(), false, false,
+                                        nullptr));
+            EXPECT_TRUE(
+                runEncoderEntry(format_table::kBC6H, *input, 0, isSigned, false, gpu.data(), true, false, nullptr));
+            EXPECT_EQ(gpu, expected);
+            cuda::CUdeviceptr device = 0;
+            ASSERT_EQ(api.cuMemAlloc(&device, bytes), cuda::kSuccess);
+            gpu_testing::setWorkLimits(200, 97);  // chunks of several launches
+            EXPECT_TRUE(runEncoderEntry(format_table::kBC6H, *input, 0, isSigned, false,
+                                        reinterpret_cast<void*>(uintptr_t(device)), true, true, nullptr));
+            gpu_testing::setWorkLimits(0, 0);
+            ASSERT_EQ(api.cuMemcpyDtoH(onDevice.data(), device, bytes), cuda::kSuccess);
+            api.cuMemFree(device);
+            EXPECT_EQ(onDevice, expected);
+        }
+}

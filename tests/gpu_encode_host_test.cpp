@@ -174,8 +174,9 @@ TEST_F(GpuEncodeHostTest, ModesAndFormatsWithoutKernelsStayOffTheGpu) {
     testing::internal::CaptureStdout();  // the fall-back notices: encoder_dispatch_test
     EXPECT_TRUE(
         runEncoderEntry(format_table::kBC1a, *input, /*fast=*/true, false, false, out.data(), true, false, nullptr));
-    for (const EncoderEntry* entry : {&format_table::kBC6H, &format_table::kASTC})
-        runEncoderEntry(*entry, *input, 0, false, false, out.data(), true, false, nullptr);
+    EXPECT_TRUE(
+        runEncoderEntry(format_table::kBC6H, *input, /*slow=*/1, false, false, out.data(), true, false, nullptr));
+    runEncoderEntry(format_table::kASTC, *input, 0, false, false, out.data(), true, false, nullptr);
     EXPECT_EQ(fake_cuda().counters.launches, 0);
     EXPECT_EQ(fake_cuda().counters.allocations, 0);
 

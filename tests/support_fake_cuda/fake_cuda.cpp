@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 
+#include "gpu/bc6h_gpu_stages.h"
 #include "gpu/bc7_gpu_stages.h"
 #include "gpu/gpu_kernel_bodies.h"
 #include "gpu/gpu_kernel_names.h"
@@ -95,6 +96,28 @@ bool runBC7Stage(FakeCudaLaunch& r, unsigned grid, unsigned threads, int stage, 
            runGrid(grid, threads, 128, a.count, [&](uint64_t t) { gpu_bc7::runStage(stage, a, uint32_t(t)); });
 }
 
+// A BC6H texel conversion: one thread per texel of the view, 128 threads per CUDA block,
+// into n x 64 floats of device memory.
+template <typename T>
+bool runBC6HTexels(FakeCudaLaunch& r, unsigned grid, unsigned threads, const TGPUView<T>& view, float* texels) {
+    r.tiles = view.tileCount;
+    const uint64_t count = uint64_t(view.tileCount) * 16;
+    return inDeviceMemory(view) && isDeviceRange(texels, count * 4 * sizeof(float)) &&
+           runGrid(grid, threads, 128, count,
+                   [&](uint64_t i) { glyptora_bc6h::gpu_stages::convertTexel(view, texels, i); });
+}
+
+// A BC6H block encoder: one thread per block, 128 threads per CUDA block, texels, output and
+// errors in device memory.
+template <typename Funcs>
+bool runBC6HEncode(FakeCudaLaunch& r, unsigned grid, unsigned threads, const glyptora_bc6h::bc6h_gpu& a) {
+    r.tiles = a.count;
+    return a.count > 0 && isDeviceRange(a.texels, a.count * 64 * sizeof(float)) &&
+           isDeviceRange(a.out, a.count * 16u) && isDeviceRange(a.error, a.count * sizeof(float)) &&
+           runGrid(grid, threads, 128, a.count,
+                   [&](uint64_t t) { glyptora_bc6h::gpu_stages::encodeBlock<Funcs>(a, uint32_t(t)); });
+}
+
 // Carries out the kernel named in `r` with the parameters it declares (gpu/gpu_kernel_names.h).
 bool runKernel(FakeCudaLaunch& r, unsigned grid, unsigned threads, void** p) {
     namespace k = kernel_names;
@@ -121,6 +144,14 @@ bool runKernel(FakeCudaLaunch& r, unsigned grid, unsigned threads, void** p) {
     if (name == k::kCompressBC5S) return block(s8(0), n(), out(2), 16, b::compressBC5S);
     for (int s = 1; s <= gpu_bc7::kStageCount; ++s)
         if (name == k::kBC7Stages[s - 1]) return runBC7Stage(r, grid, threads, s, parameter<gpu_bc7::StageArgs>(p, 0));
+    auto texels = [&] { return parameter<float*>(p, 1); };
+    if (name == k::kBC6HTexels[0]) return runBC6HTexels(r, grid, threads, u8(0), texels());
+    if (name == k::kBC6HTexels[1]) return runBC6HTexels(r, grid, threads, s8(0), texels());
+    if (name == k::kBC6HTexels[2]) return runBC6HTexels(r, grid, threads, f32(0), texels());
+    if (name == k::kBC6HEncode[0])
+        return runBC6HEncode<glyptora_bc6h::UnsignedFuncs>(r, grid, threads, parameter<glyptora_bc6h::bc6h_gpu>(p, 0));
+    if (name == k::kBC6HEncode[1])
+        return runBC6HEncode<glyptora_bc6h::SignedFuncs>(r, grid, threads, parameter<glyptora_bc6h::bc6h_gpu>(p, 0));
     if (name == k::kFillFltMax) {
         float* values = parameter<float*>(p, 0);
         const uint64_t count = parameter<uint64_t>(p, 1);
