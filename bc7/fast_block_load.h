@@ -94,7 +94,8 @@ GLYPTORA_HD inline void loadBlock(const float texels[64], uint16_t validRegion, 
             const int i = y * 4 + x;
             b.validMask |= 1u << i;
             ++b.validCount;
-            if (imageHasAlpha && texels[i * 4 + 3] < 1.0f) b.opaque = false;
+            // Opaque means "alpha of at least 1.0": written so that NaN alpha counts as translucent.
+            if (imageHasAlpha && !(texels[i * 4 + 3] >= 1.0f)) b.opaque = false;
         }
     for (int i = 0; i < 16; ++i)
         for (int c = 0; c < 4; ++c) {

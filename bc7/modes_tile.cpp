@@ -23,6 +23,7 @@ Tile makeTile(const float texels[64], uint16_t validRegion) {
     return tile;
 }
 
+// Written as "not at least 1.0" so that a NaN alpha counts as translucent.
 bool validTexelsOpaque(const float texels[64], uint16_t validRegion) {
     for (int i = 0; i < Tile::TILE_TOTAL; ++i)
         if (isValid(i, validRegion) && !(texels[i * 4 + 3] >= 1.0f)) return false;

@@ -28,6 +28,10 @@ int modeArgumentFor(QualityFlag flag, int quality) {
     return quality;
 }
 
+// Levels from here on are all the same 1x1 level (sides are shifted by at most 31), so long
+// chains are counted without visiting each of their levels.
+constexpr int kLastDistinctLevel = 32;
+
 // Counts tiles level by level; any count above kMaxTiles comes back as kMaxTiles + 1, so
 // that no product of three 32-bit sides can wrap into a small number.
 uint64_t countTiles(const ConversionRequest& r) {
@@ -39,6 +43,11 @@ uint64_t countTiles(const ConversionRequest& r) {
         uint64_t level = 0;
         if (__builtin_mul_overflow(across, down, &level) || __builtin_mul_overflow(level, uint64_t(e.depth), &level))
             return kMaxTiles + 1;
+        if (m >= kLastDistinctLevel) {  // the rest of a long chain at once
+            if (__builtin_mul_overflow(level, uint64_t(r.levelCount - m), &level) || level > kMaxTiles)
+                return kMaxTiles + 1;
+            return std::min(tiles + level, kMaxTiles + 1);
+        }
         tiles += level;
     }
     return std::min(tiles, kMaxTiles + 1);
@@ -183,8 +192,9 @@ Status decodeConversionRequest(const char* destination, const char* source, cons
     r.width = width;
     r.height = height;
     r.depth = depth;
-    // Mip counts below 1 as signed numbers, or no depth at all, leave nothing to encode.
-    r.levelCount = int32_t(mipCount) < 1 || depth == 0 ? 0 : int(mipCount);
+    // Mip counts below 1 as signed numbers, or no layers (depth 0 but for a volume, which keeps
+    // one slice a level as the size rule counts it), leave nothing to encode.
+    r.levelCount = int32_t(mipCount) < 1 || (depth == 0 && dimension != 2) ? 0 : int(mipCount);
 
     r.totalTiles = countTiles(r);
     if (width > kMaxExtent || height > kMaxExtent || depth > kMaxExtent || r.totalTiles > kMaxTiles) {
@@ -194,7 +204,13 @@ Status decodeConversionRequest(const char* destination, const char* source, cons
                   kMaxExtent);
         return Status::TooLarge;
     }
-    for (int m = 0; m < r.levelCount; ++m) r.totalPixels += r.level(m).pixels();
+    for (int m = 0; m < r.levelCount; ++m) {
+        if (m == kLastDistinctLevel) {
+            r.totalPixels += r.level(m).pixels() * uint64_t(r.levelCount - m);
+            break;
+        }
+        r.totalPixels += r.level(m).pixels();
+    }
     r.sourceBytes = r.totalPixels * r.bytesPerPixel();
     return Status::Ok;
 }

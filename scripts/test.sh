@@ -18,3 +18,9 @@ run_suite "$root/build/release" -DCMAKE_BUILD_TYPE=Release
 echo "== Debug build with AddressSanitizer + UndefinedBehaviorSanitizer =="
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite "$root/build/sanitize" -DCMAKE_BUILD_TYPE=Debug -DGLYPTORA_SANITIZE=ON -DGLYPTORA_ENABLE_CUDA=OFF
+echo "== Fuzzers, ${GLYPTORA_FUZZ_SECONDS:-60} s each (kept findings replayed first) =="
+if command -v clang++ >/dev/null 2>&1 || "$root/scripts/install-deps.sh" clang; then
+  "$root/scripts/fuzz.sh" "${GLYPTORA_FUZZ_SECONDS:-60}"
+else
+  echo "clang could not be installed: the fuzzers were not run"
+fi

@@ -466,6 +466,30 @@ class CommandLine(ToolCase):
                             for q in ("fastest", "highest"))
         self.assertGreaterEqual(highest, fastest - 0.01)
 
+    def test_replaced_output_keeps_mode_links_stay_and_huge_png(self):
+        """A replaced output keeps its permissions; a symbolic link (relative, dangling at first) is
+        written through to its target and stays a link; a PNG header claiming more than the limit
+        is refused as too large, with its size."""
+        source = self.image("in.png", photo_like(8, 8))
+        out = self.path("old.dds")
+        Path(out).write_bytes(b"previous contents")
+        os.chmod(out, 0o604)
+        self.convert(source, out, "bc1")
+        self.assertEqual(os.stat(out).st_mode & 0o7777, 0o604)
+        self.check_dds(out, "unorm_bc1", 8, 8)
+        os.mkdir(self.path("real"))
+        os.symlink("real/target.dds", self.path("link.dds"))
+        for _ in range(2):  # creates the target, then replaces it
+            self.convert(source, self.path("link.dds"), "bc1")
+            self.assertTrue(os.path.islink(self.path("link.dds")))
+            self.check_dds(self.path("real/target.dds"), "unorm_bc1", 8, 8)
+        self.assertEqual(os.listdir(self.path("real")), ["target.dds"])
+        png = Path(source).read_bytes()
+        for width, height in ((40000, 8), (1 << 25, 1 << 25)):  # beyond our limit; beyond the decoder's too
+            Path(self.path("huge.png")).write_bytes(png[:16] + struct.pack(">II", width, height) + png[24:])
+            self.assertRefused(run("convert", self.path("huge.png"), "-o", self.path("h.dds"), "-f", "bc1"), 1,
+                               f"image too large ({width} x {height})")
+
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     parser.add_argument("--glyptora", required=True)

@@ -1,9 +1,11 @@
 #include "tools/image_io.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -79,9 +81,17 @@ bool startsWith(const std::vector<uint8_t>& b, const char* magic, size_t n) {
     return b.size() >= n && std::memcmp(b.data(), magic, n) == 0;
 }
 
+// Where a JPEG's segments begin, or 0 when the bytes do not start with a start-of-image
+// marker; the decoder takes that marker after any number of 0xFF fill bytes.
+size_t jpegStart(const std::vector<uint8_t>& b) {
+    size_t i = 0;
+    while (i < b.size() && b[i] == 0xFF) ++i;
+    return i >= 1 && i < b.size() && b[i] == 0xD8 ? i + 1 : 0;
+}
+
 const char* detectKind(const std::vector<uint8_t>& b) {
     if (startsWith(b, "\x89PNG\r\n\x1a\n", 8)) return "PNG";
-    if (startsWith(b, "\xff\xd8\xff", 3)) return "JPEG";
+    if (jpegStart(b)) return "JPEG";
     if (startsWith(b, "BM", 2)) return "BMP";
     if (startsWith(b, "8BPS", 4)) return "PSD";
     if (startsWith(b, "#?RADIANCE", 10) || startsWith(b, "#?RGBE", 6)) return "HDR";
@@ -91,20 +101,108 @@ const char* detectKind(const std::vector<uint8_t>& b) {
 }
 
 // Refuses empty and oversized images before their pixels are decoded.
-bool checkDimensions(uint64_t width, uint64_t height, uint64_t bytesPerPixel, std::string& error) {
+bool checkDimensions(uint64_t width, uint64_t height, uint64_t bytesPerPixel, const ImageLimits& limits,
+                     std::string& error) {
     if (width == 0 || height == 0) {
         error = "image has no pixels (" + std::to_string(width) + "x" + std::to_string(height) + ")";
         return false;
     }
-    if (width > kMaxImageSide || height > kMaxImageSide) {
-        error = "image is " + std::to_string(width) + "x" + std::to_string(height) + "; the largest side accepted is " +
-                std::to_string(kMaxImageSide);
+    const std::string tooLarge = "image too large (" + std::to_string(width) + " x " + std::to_string(height) + "): ";
+    if (width > limits.maxSide || height > limits.maxSide) {
+        error = tooLarge + "the largest side accepted is " + std::to_string(limits.maxSide);
         return false;
     }
-    if (width * height * bytesPerPixel > kMaxSourceBytes) {
-        error = "image is " + std::to_string(width) + "x" + std::to_string(height) + "; its pixels would take more than " +
-                std::to_string(kMaxSourceBytes >> 20) + " MiB";
+    if (width * height > limits.maxBytes / bytesPerPixel) {  // sides of up to 32 bits: no overflow
+        error = tooLarge + "its pixels would take more than " + std::to_string(limits.maxBytes >> 20) + " MiB";
         return false;
+    }
+    return true;
+}
+
+uint32_t bigEndian32(const uint8_t* p) {
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
+}
+
+// The size a PNG's header claims is checked here: the decoder refuses sides beyond its own
+// limit with no more than "unknown image type".
+bool checkPngHeader(const std::vector<uint8_t>& b, const ImageLimits& limits, std::string& error) {
+    if (b.size() < 24 || std::memcmp(b.data() + 12, "IHDR", 4) != 0) return true;  // the decoder says what is wrong
+    return checkDimensions(bigEndian32(b.data() + 16), bigEndian32(b.data() + 20), 4, limits, error);
+}
+
+// The packaged JPEG decoder trusts the symbol count of a Huffman table and writes past the
+// table's arrays when it is above 256 (a corrupt or hostile file), even when only asked for
+// the image's size. Such files are refused here, from their markers, before it sees them.
+bool jpegHuffmanTablesFit(const std::vector<uint8_t>& b) {
+    size_t i = jpegStart(b);
+    while (i + 1 < b.size()) {
+        if (b[i] != 0xFF) {  // entropy-coded data of a scan: up to the next marker
+            ++i;
+            continue;
+        }
+        const uint8_t marker = b[i + 1];
+        // Stuffed zero bytes, restart markers and fill bytes carry no segment.
+        if (marker == 0x00 || marker == 0xFF || (marker >= 0xD0 && marker <= 0xD7) || marker == 0x01) {
+            i += marker == 0xFF ? 1 : 2;
+            continue;
+        }
+        if (marker == 0xD9 || i + 3 >= b.size()) return true;  // end of image
+        const size_t length = size_t(b[i + 2]) << 8 | b[i + 3];
+        const size_t end = std::min(b.size(), i + 2 + length);
+        if (marker == 0xC4)  // define Huffman tables: class and id, 16 counts, the symbols
+            for (size_t t = i + 4; t < end;) {
+                size_t symbols = 0;  // the decoder reads missing bytes as 0
+                for (size_t k = 1; k <= 16 && t + k < b.size(); ++k) symbols += b[t + k];
+                if (symbols > 256) return false;
+                t += 17 + symbols;
+            }
+        i = std::max(end, i + 2);
+    }
+    return true;
+}
+
+// The packaged Radiance decoder never leaves a run-length scanline holding a run of length 0,
+// which a truncated or corrupt file gives (it reads 0 past the end). Such files are refused
+// here: this walks the scanlines as the decoder does and stops where it would decode them
+// flat or refuse them itself.
+bool hdrScanlinesEnd(const std::vector<uint8_t>& b) {
+    size_t p = 0;
+    auto get8 = [&]() -> int { return p < b.size() ? b[p++] : 0; };
+    auto line = [&]() {
+        std::string text;
+        while (p < b.size() && b[p] != '\n') text.push_back(char(b[p++]));
+        if (p < b.size()) ++p;
+        return text;
+    };
+    const std::string identifier = line();
+    if (identifier != "#?RADIANCE" && identifier != "#?RGBE") return true;
+    while (!line().empty()) {
+    }
+    const std::string resolution = line();
+    if (resolution.compare(0, 3, "-Y ") != 0) return true;
+    char* rest = nullptr;
+    const long height = std::strtol(resolution.c_str() + 3, &rest, 10);
+    while (*rest == ' ') ++rest;
+    if (std::strncmp(rest, "+X ", 3) != 0) return true;
+    const long width = std::strtol(rest + 3, nullptr, 10);
+    if (width < 8 || width >= 32768) return true;  // flat scanlines
+    for (long y = 0; y < height; ++y) {
+        const int c1 = get8(), c2 = get8(), high = get8();
+        if (c1 != 2 || c2 != 2 || (high & 0x80)) return true;  // the rest is read flat
+        if ((high << 8 | get8()) != width) return true;         // refused by the decoder
+        for (int channel = 0; channel < 4; ++channel)
+            for (long x = 0; x < width;) {
+                int count = get8();
+                if (count > 128) {
+                    count -= 128;
+                    get8();
+                } else {
+                    for (int i = 0; i < count; ++i) get8();
+                }
+                if (count == 0) return false;
+                if (count > width - x) return true;  // refused by the decoder
+                x += count;
+            }
     }
     return true;
 }
@@ -117,26 +215,44 @@ float sanitise(float v) {
     return v;
 }
 
-bool loadWithStb(const std::vector<uint8_t>& bytes, const char* kind, Image& image, std::string& error) {
+// A decoder's reason as part of the one error line: the decoder may quote bytes of the file
+// (the name of an unknown PNG chunk), so anything but printable ASCII becomes '?'.
+std::string decoderReason(const char* why) {
+    if (!why) return std::string();
+    std::string text = std::string(": ") + why;
+    for (char& c : text)
+        if (c < 0x20 || c > 0x7E) c = '?';
+    return text;
+}
+
+bool loadWithStb(const std::vector<uint8_t>& bytes, const char* kind, const ImageLimits& limits, Image& image,
+                 std::string& error) {
+    if (std::strcmp(kind, "PNG") == 0 && !checkPngHeader(bytes, limits, error)) return false;
+    if (std::strcmp(kind, "JPEG") == 0 && !jpegHuffmanTablesFit(bytes)) {
+        error = "cannot decode JPEG image: corrupt Huffman table";
+        return false;
+    }
+    if (std::strcmp(kind, "HDR") == 0 && !hdrScanlinesEnd(bytes)) {
+        error = "cannot decode HDR image: corrupt run-length data";
+        return false;
+    }
     const int len = int(bytes.size());
     int w = 0, h = 0, comp = 0;
     if (!stbi_info_from_memory(bytes.data(), len, &w, &h, &comp)) {
-        const char* why = stbi_failure_reason();
         error = std::string("not a supported image (PNG, JPEG, TGA, BMP, PSD, HDR, EXR)") +
-                (why ? std::string(": ") + why : std::string());
+                decoderReason(stbi_failure_reason());
         return false;
     }
     const bool hdr = stbi_is_hdr_from_memory(bytes.data(), len) != 0;
-    if (!checkDimensions(uint64_t(w < 0 ? 0 : w), uint64_t(h < 0 ? 0 : h), hdr ? 16 : 4, error)) return false;
+    if (!checkDimensions(uint64_t(w < 0 ? 0 : w), uint64_t(h < 0 ? 0 : h), hdr ? 16 : 4, limits, error)) return false;
     image.kind = kind;
     if (hdr) {
         float* p = stbi_loadf_from_memory(bytes.data(), len, &w, &h, &comp, 4);
         if (!p) {
-            const char* why = stbi_failure_reason();
-            error = std::string("cannot decode ") + kind + " image" + (why ? std::string(": ") + why : std::string());
+            error = std::string("cannot decode ") + kind + " image" + decoderReason(stbi_failure_reason());
             return false;
         }
-        if (!checkDimensions(uint64_t(w), uint64_t(h), 16, error)) {
+        if (!checkDimensions(uint64_t(w), uint64_t(h), 16, limits, error)) {
             stbi_image_free(p);
             return false;
         }
@@ -150,11 +266,10 @@ bool loadWithStb(const std::vector<uint8_t>& bytes, const char* kind, Image& ima
     }
     stbi_uc* p = stbi_load_from_memory(bytes.data(), len, &w, &h, &comp, 4);
     if (!p) {
-        const char* why = stbi_failure_reason();
-        error = std::string("cannot decode ") + kind + " image" + (why ? std::string(": ") + why : std::string());
+        error = std::string("cannot decode ") + kind + " image" + decoderReason(stbi_failure_reason());
         return false;
     }
-    if (!checkDimensions(uint64_t(w), uint64_t(h), 4, error)) {
+    if (!checkDimensions(uint64_t(w), uint64_t(h), 4, limits, error)) {
         stbi_image_free(p);
         return false;
     }
@@ -166,14 +281,19 @@ bool loadWithStb(const std::vector<uint8_t>& bytes, const char* kind, Image& ima
     return true;
 }
 
-bool loadExr(const std::string& path, Image& image, std::string& error) {
+bool loadExr(const std::string& path, const ImageLimits& limits, Image& image, std::string& error) {
 #ifdef GLYPTORA_TOOLS_HAVE_OPENEXR
     try {
+        // The reader refuses a larger data window while reading the header, before it
+        // allocates anything for it.
+        const int side = int(std::min<uint32_t>(limits.maxSide, INT_MAX));
+        Imf::Header::setMaxImageSize(side, side);
+        Imf::Header::setMaxTileSize(side, side);
         Imf::RgbaInputFile file(path.c_str());
         const Imath::Box2i window = file.dataWindow();
         const int64_t w = int64_t(window.max.x) - int64_t(window.min.x) + 1;
         const int64_t h = int64_t(window.max.y) - int64_t(window.min.y) + 1;
-        if (!checkDimensions(uint64_t(w < 0 ? 0 : w), uint64_t(h < 0 ? 0 : h), 16, error)) return false;
+        if (!checkDimensions(uint64_t(w < 0 ? 0 : w), uint64_t(h < 0 ? 0 : h), 16, limits, error)) return false;
         Imf::Array2D<Imf::Rgba> pixels(h, w);
         // The frame buffer is addressed by data-window coordinates.
         file.setFrameBuffer(&pixels[0][0] - int64_t(window.min.x) - int64_t(window.min.y) * w, 1, size_t(w));
@@ -197,7 +317,7 @@ bool loadExr(const std::string& path, Image& image, std::string& error) {
         std::string what = e.what();
         const size_t newline = what.find('\n');
         if (newline != std::string::npos) what.resize(newline);
-        error = "cannot decode EXR image: " + what;
+        error = "cannot decode EXR image" + decoderReason(what.c_str());
         return false;
     } catch (...) {
         error = "cannot decode EXR image";
@@ -205,6 +325,7 @@ bool loadExr(const std::string& path, Image& image, std::string& error) {
     }
 #else
     (void)path;
+    (void)limits;
     (void)image;
     error = "EXR images are not supported by this build (OpenEXR was not found)";
     return false;
@@ -213,16 +334,16 @@ bool loadExr(const std::string& path, Image& image, std::string& error) {
 
 }  // namespace
 
-bool loadImage(const std::string& path, Image& image, std::string& error) {
+bool loadImage(const std::string& path, Image& image, std::string& error, const ImageLimits& limits) {
     image = Image();
     std::vector<uint8_t> bytes;
     if (!readWholeFile(path, bytes, error)) return false;
     const char* kind = detectKind(bytes);
     if (std::strcmp(kind, "EXR") == 0) {
         bytes = std::vector<uint8_t>();
-        return loadExr(path, image, error);
+        return loadExr(path, limits, image, error);
     }
-    return loadWithStb(bytes, kind, image, error);
+    return loadWithStb(bytes, kind, limits, image, error);
 }
 
 }  // namespace glyptora_tools

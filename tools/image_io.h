@@ -21,7 +21,14 @@ struct Image {
     bool hasAlpha() const;     // any alpha below full coverage
 };
 
-// Reads `path`. On failure returns false and sets `error` to one short reason.
-bool loadImage(const std::string& path, Image& image, std::string& error);
+// What a load accepts; sizes beyond it are refused from the file's header, before any pixel
+// is decoded or allocated.
+struct ImageLimits {
+    uint32_t maxSide = kMaxImageSide;
+    uint64_t maxBytes = kMaxSourceBytes;  // of the decoded pixels, 4 bytes a pixel (16 for float)
+};
+
+// Reads `path`. On failure returns false and sets `error` to one short reason (one line).
+bool loadImage(const std::string& path, Image& image, std::string& error, const ImageLimits& limits = {});
 
 }  // namespace glyptora_tools

@@ -43,23 +43,53 @@ std::string nameOf(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// Follows symbolic links from `path` to the file they finally name (which need not exist
+// yet): the output replaces that file and the links stay links.
+bool followLinks(std::string path, std::string& target, std::string& error) {
+    for (int hops = 0; hops < 40; ++hops) {
+        struct stat info;
+        if (::lstat(path.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) {
+            target = path;
+            return true;
+        }
+        char link[PATH_MAX];
+        const ssize_t n = ::readlink(path.c_str(), link, sizeof link);
+        if (n <= 0 || size_t(n) >= sizeof link) {
+            error = std::string("cannot follow the output's symbolic link: ") +
+                    (n < 0 ? std::strerror(errno) : "target name too long");
+            return false;
+        }
+        const std::string next(link, size_t(n));
+        path = next[0] == '/' ? next : folderOf(path) + "/" + next;
+    }
+    error = "cannot follow the output's symbolic link: too many levels of links";
+    return false;
+}
+
 }  // namespace
 
 PendingOutput::~PendingOutput() { discard(); }
 
-bool PendingOutput::open(const std::string& path, std::string& error) {
+bool PendingOutput::open(const std::string& requestedPath, std::string& error) {
     discard();
-    m_path = path;
-    const std::string name = nameOf(path);
-    if (name.empty()) {
+    if (nameOf(requestedPath).empty()) {
         error = "output path names a folder, not a file";
         return false;
     }
+    std::string path;
+    if (!followLinks(requestedPath, path, error)) return false;
+    const std::string name = nameOf(path);
+    if (name.empty()) {
+        error = "output path links to a folder, not a file";
+        return false;
+    }
     struct stat info;
-    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    const bool exists = ::stat(path.c_str(), &info) == 0;
+    if (exists && S_ISDIR(info.st_mode)) {
         error = "output path is a folder";
         return false;
     }
+    m_path = path;
     std::string templ = folderOf(path) + "/." + name + ".glyptora-XXXXXX";
     std::vector<char> buffer(templ.begin(), templ.end());
     buffer.push_back('\0');
@@ -71,10 +101,17 @@ bool PendingOutput::open(const std::string& path, std::string& error) {
     m_fd = fd;
     m_tempPath = buffer.data();
     setSignalTempPath(m_tempPath);
-    // mkstemp creates the file private to the user; give it the usual permissions.
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(fd, 0666 & ~mask);
+    // mkstemp creates the file private to the user: a replaced output keeps its permissions,
+    // a new one gets the usual ones.
+    mode_t mode;
+    if (exists) {
+        mode = info.st_mode & 07777;
+    } else {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        mode = 0666 & ~mask;
+    }
+    ::fchmod(fd, mode);
     return true;
 }
 

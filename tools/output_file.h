@@ -15,7 +15,9 @@ public:
     PendingOutput(const PendingOutput&) = delete;
     PendingOutput& operator=(const PendingOutput&) = delete;
 
-    // Creates the temporary file next to `path`. False with a reason when the folder is not writable.
+    // Creates the temporary file next to the file `path` names, symbolic links followed (the
+    // link stays, its target is replaced). A replaced file keeps its permissions, a new one gets
+    // 0666 less the umask. False with a reason when the folder is not writable.
     bool open(const std::string& path, std::string& error);
     // Writes `data`, flushes it to disk and renames the temporary file to the destination.
     bool commit(const std::vector<uint8_t>& data, std::string& error);
