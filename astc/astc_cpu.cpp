@@ -1,5 +1,6 @@
 #include "astc/astc_cpu.h"
 
+#include "astc/astc_cpu_high.h"
 #include "astc/astc_cpu_level0.h"
 #include "astc/astc_cpu_level1.h"
 #include "core/cpu_views.h"
@@ -7,7 +8,12 @@
 namespace glyptora_astc {
 
 void astc_encode_cpu(const AstcEncoderInput& input, int level) {
-    if (level >= 1) {
+    if (level == 2 || level == 3) {
+        astc_cpu_high encoder(input, level);
+        encoder.encode();
+        return;
+    }
+    if (level == 1) {
         astc_cpu_level1 encoder(input);
         encoder.encode();
         return;

@@ -11,8 +11,7 @@ class CPUViewBase;
 namespace glyptora_astc {
 
 // Runs the encoder of `level` on every block of `input`: level 0 its one-pass encoder, level 1
-// the level-1 passes. Levels 2 and 3 run the level-1 passes until the multi-partition search
-// exists.
+// the level-1 passes, levels 2 and 3 the partition and dual-plane passes of the high encoder.
 void astc_encode_cpu(const AstcEncoderInput& input, int level);
 
 // CPU implementation of the ASTC entry for a view cut into ASTC footprints; block t is

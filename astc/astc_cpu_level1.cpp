@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "astc/astc_cpu_level0.h"
+#include "astc/block_passes.h"
 #include "astc/block_search.h"
 #include "astc/block_writer.h"
 #include "astc/candidate_lists.h"
@@ -40,31 +41,6 @@ AstcSearchSettings level1Settings(bool hasAlpha, int fullFits, int refineRounds)
     settings.chooseLevels = true;
     settings.blueContraction = true;
     return settings;
-}
-
-// Runs `body(block, texels)` for every block of `blocks`, one task per block.
-template <typename Body>
-void forBlocks(const AstcEncoderInput& input, const std::vector<uint32_t>& blocks, Body&& body) {
-    glyptora_internal::parallelFor(int(blocks.size()), [&](uint32_t i) {
-        AstcBlockTexels texels;
-        loadAstcBlock(input, blocks[i], texels);
-        body(blocks[i], texels);
-    });
-}
-
-std::vector<uint32_t> allBlocks(uint32_t count) {
-    std::vector<uint32_t> blocks(count);
-    for (uint32_t b = 0; b < count; ++b) blocks[b] = b;
-    return blocks;
-}
-
-// Keeps `result` as the block's best when the search found a strictly better encoding.
-void keepIfBetter(AstcBlockState& state, const AstcSearchResult& result) {
-    uint8_t encoded[16];
-    if (result.error < state.bestError && writeAstcBlock(result.content, encoded)) {
-        state.bestError = result.error;
-        std::memcpy(state.block, encoded, 16);
-    }
 }
 
 std::vector<uint32_t> blocksWithoutEncoding(const AstcBlockContext& context) {
@@ -131,25 +107,25 @@ std::vector<uint32_t> astc_cpu_level1::blocksWithError(const AstcBlockContext& c
 }
 
 void astc_cpu_level1::constantColourPass() {
-    forBlocks(*m_context.input, allBlocks(m_context.input->blockCount),
+    astcForBlocks(*m_context.input, astcAllBlocks(m_context.input->blockCount),
               [&](uint32_t block, const AstcBlockTexels& texels) { EncodeConstBlock(m_context, block, texels); });
 }
 
 void astc_cpu_level1::singlePlanePass(const std::vector<AstcModeGroup>& groups) {
     const AstcEncoderInput& in = *m_context.input;
-    forBlocks(in, blocksWithError(m_context, false), [&](uint32_t block, const AstcBlockTexels& texels) {
+    astcForBlocks(in, blocksWithError(m_context, false), [&](uint32_t block, const AstcBlockTexels& texels) {
         AstcBlockState& state = m_context.states[block];
         AstcSearchResult result;
         result.error = state.bestError;
         const Level1Effort& effort = kLevel1Effort[m_footprint];
         AstcBlockSearch(texels, in.weights, in.inverseWeights)
             .singlePlane(groups, level1Settings(texels.hasAlpha, effort.singleFits, effort.refineRounds), result);
-        keepIfBetter(state, result);
+        astcKeepIfBetter(state, result);
     });
 }
 
 void astc_cpu_level1::dualPlanePreparationPass() {
-    forBlocks(*m_context.input, allBlocks(m_context.input->blockCount),
+    astcForBlocks(*m_context.input, astcAllBlocks(m_context.input->blockCount),
               [&](uint32_t block, const AstcBlockTexels& texels) {
                   AstcColourStatistics stats;
                   astcColourStatistics(texels, stats);
@@ -159,7 +135,7 @@ void astc_cpu_level1::dualPlanePreparationPass() {
 
 void astc_cpu_level1::dualPlanePass(const std::vector<AstcModeGroup>& groups) {
     const AstcEncoderInput& in = *m_context.input;
-    forBlocks(in, blocksWithError(m_context, true), [&](uint32_t block, const AstcBlockTexels& texels) {
+    astcForBlocks(in, blocksWithError(m_context, true), [&](uint32_t block, const AstcBlockTexels& texels) {
         AstcBlockState& state = m_context.states[block];
         AstcSearchResult result;
         result.error = state.bestError;
@@ -167,7 +143,7 @@ void astc_cpu_level1::dualPlanePass(const std::vector<AstcModeGroup>& groups) {
         AstcBlockSearch(texels, in.weights, in.inverseWeights)
             .dualPlane(groups, state.dualPlaneChoice,
                        level1Settings(texels.hasAlpha, effort.dualFits, effort.refineRounds), result);
-        keepIfBetter(state, result);
+        astcKeepIfBetter(state, result);
     });
 }
 
@@ -179,12 +155,17 @@ void astc_cpu_level1::encode() {
         dualPlanePreparationPass();
         dualPlanePass(astcGroupModes(astcPassModes(AstcPass::DualPlane, m_footprint), m_infill));
     }
+    WriteBlocks(m_context);
+}
+
+void astc_cpu_level1::WriteBlocks(AstcBlockContext& context) {
+    const AstcEncoderInput& in = *context.input;
     // A block that no pass could encode (none of its modes fits an endpoint mode) takes its
     // mean colour.
-    forBlocks(in, blocksWithoutEncoding(m_context), [&](uint32_t block, const AstcBlockTexels& texels) {
-        astcWriteMeanColourBlock(texels, in.inverseWeights, m_context.states[block].block);
+    astcForBlocks(in, blocksWithoutEncoding(context), [&](uint32_t block, const AstcBlockTexels& texels) {
+        astcWriteMeanColourBlock(texels, in.inverseWeights, context.states[block].block);
     });
-    for (uint32_t b = 0; b < in.blockCount; ++b) std::memcpy(in.output + size_t(b) * 16, m_context.states[b].block, 16);
+    for (uint32_t b = 0; b < in.blockCount; ++b) std::memcpy(in.output + size_t(b) * 16, context.states[b].block, 16);
 }
 
 }  // namespace glyptora_astc

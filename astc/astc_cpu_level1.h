@@ -34,6 +34,10 @@ public:
     // is not negative), in block order.
     static std::vector<uint32_t> blocksWithError(const AstcBlockContext& context, bool needsDualPlane);
 
+    // Writes every block's best to the input's output; a block without any gets its mean
+    // colour.
+    static void WriteBlocks(AstcBlockContext& context);
+
     const AstcBlockContext& context() const { return m_context; }
 
 private:

@@ -6,6 +6,7 @@
 
 #include "astc/colour_statistics.h"
 #include "astc/endpoint_encoding.h"
+#include "astc/fit_models.h"
 #include "astc/integer_sequence.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
@@ -23,122 +24,6 @@ struct AstcBlockSearch::Trial {
     alignas(16) float grid[2][64];  // 0..64; past the points: 0
     alignas(16) float texel[2][kAstcMaxTexels];
 };
-
-namespace {
-
-// Texel weights / 64 of grid weights 0..64, as the decoder infills them: (sum of weight x
-// factor + 8) >> 4, exact in float. Writes the padded texel count (padding reads 0).
-void infill(const AstcGridInfill& g, int texels, const float* gridWeights, float* out) {
-    constexpr float kScale = 1.0f / 64.0f;
-    const int padded = (texels + 3) & ~3;
-    if (g.identity) {
-        for (int i = 0; i < padded; i += 4) (Vec4f::load(gridWeights + i) * Vec4f(kScale)).store(out + i);
-        return;
-    }
-    const int32_t* tap = g.tapLanes.data();
-    const float* factor = g.factorLanes.data();
-    for (int i = 0; i < padded; i += 4) {
-        Vec4f sum(8.0f);
-        for (int k = 0; k < 4; ++k) {
-            const int32_t* t = tap + k * padded + i;
-            const Vec4f w(gridWeights[t[0]], gridWeights[t[1]], gridWeights[t[2]], gridWeights[t[3]]);
-            sum += w * Vec4f::load(factor + k * padded + i);
-        }
-        (glyptora_simd::floor(sum * Vec4f(1.0f / 16.0f)) * Vec4f(kScale)).store(out + i);
-    }
-}
-
-// Per-channel sums of a weight plane over the valid texels: count, sum of w, of w^2, of
-// w times each centred channel.
-struct Moments {
-    float n = 0, sw = 0, sww = 0;
-    float swx[4] = {};
-};
-
-Moments moments(const float* valid, const float* w, const float (*x)[kAstcMaxTexels], int padded) {
-    Vec4f n, sw, sww, sx0, sx1, sx2, sx3;
-    for (int i = 0; i < padded; i += 4) {
-        const Vec4f m = Vec4f::load(valid + i), wi = Vec4f::load(w + i);
-        const Vec4f mw = m * wi;
-        n += m;
-        sw += mw;
-        sww += mw * wi;
-        sx0 += mw * Vec4f::load(x[0] + i);
-        sx1 += mw * Vec4f::load(x[1] + i);
-        sx2 += mw * Vec4f::load(x[2] + i);
-        sx3 += mw * Vec4f::load(x[3] + i);
-    }
-    Moments out;
-    out.n = glyptora_simd::horizontalSum(n);
-    out.sw = glyptora_simd::horizontalSum(sw);
-    out.sww = glyptora_simd::horizontalSum(sww);
-    out.swx[0] = glyptora_simd::horizontalSum(sx0);
-    out.swx[1] = glyptora_simd::horizontalSum(sx1);
-    out.swx[2] = glyptora_simd::horizontalSum(sx2);
-    out.swx[3] = glyptora_simd::horizontalSum(sx3);
-    return out;
-}
-
-// Quadratic error model of the four channels (one per lane) for endpoints e0, e1 (centred):
-// with x the centred texels and w their weights, sum (e0 (1 - w) + e1 w - x)^2 over the valid
-// texels is s + 2 swx (e0 - e1) + a e0^2 + 2 b e0 e1 + c e1^2.
-struct ChannelModels {
-    Vec4f s, n, sw, sww, swx;
-    Vec4f a, b, c;
-
-    void finish() {
-        a = n - Vec4f(2.0f) * sw + sww;
-        b = sw - sww;
-        c = sww;
-    }
-    float error(Vec4f e0, Vec4f e1) const {
-        const Vec4f e = s + Vec4f(2.0f) * swx * (e0 - e1) + a * e0 * e0 + Vec4f(2.0f) * b * e0 * e1 + c * e1 * e1;
-        return glyptora_simd::horizontalSum(e);
-    }
-    // Least-squares endpoints; returns the error they leave.
-    float fit(Vec4f& e0, Vec4f& e1) const {
-        const Vec4f det = n * sww - sw * sw;
-        const Vec4f solvable = glyptora_simd::cmpGreater(det, Vec4f(1e-9f) * n * n);
-        const Vec4f inverse = glyptora_simd::select(solvable, Vec4f(1.0f) / det, Vec4f());
-        e0 = -swx * sw * inverse;
-        e1 = swx * (n - sw) * inverse;
-        return glyptora_simd::horizontalSum(s - n * swx * swx * inverse);
-    }
-    // Least excess of the error when the endpoints move by d0, d1.
-    Vec4f excess(Vec4f d0, Vec4f d1) const { return a * d0 * d0 + Vec4f(2.0f) * b * d0 * d1 + c * d1 * d1; }
-};
-
-// A lower bound of the error of endpoint mode `cem` given the least-squares endpoints e0, e1
-// (centred, in `models`' lanes) and the error `bound` they leave. Luminance modes put both
-// endpoints on the grey axis; base-plus-offset modes keep them within 32 of each other
-// (8-bit). Other modes get the plain bound.
-float endpointModeBound(int cem, const ChannelModels& models, Vec4f e0, Vec4f e1, Vec4f mean, const float* weights,
-                        int planeTwo, float bound) {
-    const Vec4f rgb(1.0f, 1.0f, 1.0f, 0.0f);
-    if (cem == 0 || cem == 4) {
-        // With a colour channel on its own plane the grey fit below is not the minimum.
-        if (planeTwo >= 0 && planeTwo < 3) return bound;
-        const Vec4f w = Vec4f::load(weights) * rgb;
-        const float norm = glyptora_simd::dot4(w, w);
-        const Vec4f target0 = mean + e0, target1 = mean + e1;
-        const float l0 = glyptora_simd::dot4(w, target0) / norm, l1 = glyptora_simd::dot4(w, target1) / norm;
-        const Vec4f d0 = (w * Vec4f(l0) - target0) * rgb, d1 = (w * Vec4f(l1) - target1) * rgb;
-        return bound + glyptora_simd::horizontalSum(models.excess(d0, d1));
-    }
-    if (cem == 9 || cem == 13) {
-        // Moving the difference e1 - e0 by `shift` costs at least shift^2 det / n.
-        const Vec4f limit = Vec4f(32.0f / 255.0f) * Vec4f::load(weights);
-        Vec4f shift = glyptora_simd::max(glyptora_simd::abs(e1 - e0) - limit, Vec4f());
-        if (cem == 9) shift = shift * rgb;
-        const Vec4f det = models.n * models.sww - models.sw * models.sw;
-        const Vec4f extra = glyptora_simd::select(glyptora_simd::cmpGreater(models.n, Vec4f()),
-                                                  shift * shift * det / models.n, Vec4f());
-        return bound + glyptora_simd::horizontalSum(extra);
-    }
-    return bound;
-}
-
-}  // namespace
 
 void astcFitGrid(const AstcGridInfill& grid, int texels, const float* u, float* out) {
     if (grid.identity) {
@@ -256,10 +141,10 @@ bool AstcBlockSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill& gr
             trial.grid[plane][p] = q.weight;
         }
         for (int p = grid.points; p < ((grid.points + 3) & ~3); ++p) trial.grid[plane][p] = 0.0f;
-        infill(grid, m_texels.texels, trial.grid[plane], trial.texel[plane]);
+        astcInfillWeights(grid, m_texels.texels, trial.grid[plane], trial.texel[plane]);
     }
-    const Moments m1 = moments(m_texels.valid, trial.texel[0], m_centred, m_texels.padded);
-    ChannelModels models;
+    const AstcWeightMoments m1 = astcWeightMoments(m_texels.valid, trial.texel[0], m_centred, m_texels.padded);
+    AstcChannelModels models;
     models.s = Vec4f::load(m_sumSquares);
     models.n = Vec4f(m1.n);
     models.sw = Vec4f(m1.sw);
@@ -267,7 +152,7 @@ bool AstcBlockSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill& gr
     models.swx = Vec4f::load(m1.swx);
     if (planes == 2) {
         // The second plane's channel reads its own weights.
-        const Moments m2 = moments(m_texels.valid, trial.texel[1], m_centred, m_texels.padded);
+        const AstcWeightMoments m2 = astcWeightMoments(m_texels.valid, trial.texel[1], m_centred, m_texels.padded);
         float lane[4] = {0, 0, 0, 0};
         lane[channel] = 1.0f;
         const Vec4f mask = glyptora_simd::cmpGreater(Vec4f::load(lane), Vec4f());
@@ -324,7 +209,7 @@ bool AstcBlockSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill& gr
             winnerEnc = directEnc;
         } else {
             const double limit = bestError < directError ? bestError : directError;
-            if (endpointModeBound(cem, models, e0, e1, mean, m_weights, channel, bound) > limit) continue;
+            if (astcEndpointModeBound(cem, models, e0, e1, mean, m_weights, channel, bound) > limit) continue;
             astcEncodeEndpoints(cem, range, lo, hi, m_weights, scratch, levels);
             const double error = errorOf(scratch);
             if (!(error < bestError)) continue;

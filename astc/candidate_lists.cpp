@@ -41,13 +41,18 @@ int astcPassCount(AstcPass pass, int footprint) {
 std::vector<AstcModeInfo> astcCandidateModes(AstcCandidateList list, int footprint, int count) {
     std::span<const uint16_t> entries;
     bool dual = false;
+    // The three- and four-partition lists follow the single-plane order and the two-partition
+    // dual-plane list the dual-plane order: the partitioned searches rank the modes per block
+    // by their own estimate, in which the colour range the partitions leave counts.
     switch (list) {
-        case AstcCandidateList::SinglePlane: entries = kAstcSinglePlaneLists[footprint]; break;
+        case AstcCandidateList::SinglePlane:
+        case AstcCandidateList::ThreePartitions:
+        case AstcCandidateList::FourPartitions: entries = kAstcSinglePlaneLists[footprint]; break;
         case AstcCandidateList::DualPlane:
+        case AstcCandidateList::TwoPartitionDualPlane:
             entries = kAstcDualPlaneLists[footprint];
             dual = true;
             break;
-        default: break;  // the multi-partition lists come with the multi-partition searches
     }
     std::vector<AstcModeInfo> modes;
     for (size_t i = 0; i < entries.size() && int(i) < count; ++i) modes.push_back(astcModeInfo(entries[i], dual));

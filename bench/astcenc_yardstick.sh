@@ -3,22 +3,26 @@
 # bench photographs, one thread, per footprint and preset. Prints a markdown table of the
 # aggregate RGB PSNR (summed squared error over the set, decoded with astcenc -dl) and the
 # coding rate astcenc reports (pixels over its summed coding time). With --ours PATH the
-# glyptora_bench binary at PATH measures our levels 0 and 1 on the same photographs in the
-# same run, one thread, so that the two sets of figures share the machine's load.
+# glyptora_bench binary at PATH measures our qualities (default fastest,normal: levels 0 and 1)
+# on the same photographs in the same run, one thread, so that the two sets of figures share
+# the machine's load.
 #
 # usage: bench/astcenc_yardstick.sh [--ours PATH/TO/glyptora_bench] [--presets "-fastest -fast"]
-#                                   [FOOTPRINT...]      (default: 4x4 6x6 8x8 12x12)
+#                                   [--qualities production,highest] [FOOTPRINT...]
+#                                   (default footprints: 4x4 6x6 8x8 12x12)
 set -euo pipefail
 corpus=/usr/lib/python3/dist-packages/skimage/data
 photos=(astronaut.png chelsea.png coffee.png logo.png rocket.jpg hubble_deep_field.jpg)
 presets="-fastest"
 ours=""
+qualities=fastest,normal
 footprints=()
 while [ $# -gt 0 ]; do
     case "$1" in
         --ours) ours=$2; shift 2 ;;
         --presets) presets=$2; shift 2 ;;
-        -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
+        --qualities) qualities=$2; shift 2 ;;
+        -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
         *) footprints+=("$1"); shift ;;
     esac
 done
@@ -66,8 +70,8 @@ print(f"| {footprint} | astcenc {preset} | {psnr:.2f} | {pixels / seconds * 1e-6
 EOF
     done
     if [ -n "$ours" ]; then
-        # Our figures: the bench's photo aggregate at levels 0 and 1, one thread.
-        "$ours" --corpus "$corpus" --threads 1 --photos-only --quality fastest,normal "astc$fp" 2>/dev/null |
+        # Our figures: the bench's photo aggregate at the qualities asked, one thread.
+        "$ours" --corpus "$corpus" --threads 1 --photos-only --quality "$qualities" "astc$fp" 2>/dev/null |
             awk -F'|' -v fp="$fp" '/^## PSNR per image/ { done = 1 } !done && /^\| unorm_astc_/ {
                 gsub(/ /, "", $3); gsub(/ /, "", $4); gsub(/ /, "", $6);
                 printf "| %s | glyptora %s | %s | %s |\n", fp, $3, $6, $4 }'

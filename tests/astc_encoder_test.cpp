@@ -1,7 +1,8 @@
 // The CPU ASTC encoder: the constant-colour first pass and its alpha rule, the per-block
 // state and error normalisation, which blocks reach which pass, the endpoint encoders against
-// the decoder's own reading, and whole images at both levels and every footprint, decoded by
-// our decoder and by the reference command-line decoder (astcenc -dl, run as a program only).
+// the decoder's own reading, the partition pattern table against the reference decoder, and
+// whole images at every level and footprint, decoded by our decoder and by the reference
+// command-line decoder (astcenc -dl, run as a program only).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,14 +23,18 @@
 #pragma GCC diagnostic pop
 
 #include "astc/astc_cpu.h"
+#include "astc/astc_cpu_high.h"
 #include "astc/astc_cpu_level1.h"
 #include "astc/block_mode_table.h"
 #include "astc/block_reader.h"
+#include "astc/block_writer.h"
 #include "astc/candidate_lists.h"
 #include "astc/decoder.h"
 #include "astc/endpoint_decoding.h"
 #include "astc/endpoint_encoding.h"
 #include "astc/integer_sequence.h"
+#include "astc/partition_hash.h"
+#include "astc/partition_table.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
 #include "core/cpu_input_buffer.h"
@@ -317,9 +322,123 @@ TEST(AstcWeightQuantizer, MirroredLevelsAreTheMirroredWeights) {
     }
 }
 
-// Whole images at both levels and every footprint: the blocks decode the same in our decoder
-// and in astcenc, level 0 uses exactly the first single-plane mode, level 1 only the modes of
-// its passes, an opaque image stays opaque and the quality is that of a working encoder.
+// The partition pattern table: exactly the seeds whose hash leaves no partition empty are
+// kept, and blocks written with a sample of them decode in astcenc with each texel in the
+// partition the table gives it (one grey per partition).
+TEST(AstcPartitionTable, PatternsMatchTheReferenceDecoder) {
+    const bool haveAstcenc = std::system("command -v astcenc > /dev/null 2>&1") == 0;
+    for (const AstcFootprint f : {AstcFootprint{4, 4}, AstcFootprint{5, 5}, AstcFootprint{6, 6}, AstcFootprint{8, 5},
+                                  AstcFootprint{12, 12}}) {
+        const AstcPartitionTable table(f.width, f.height);
+        const int texels = f.width * f.height;
+        for (int count = 2; count <= 4; ++count) {
+            SCOPED_TRACE(std::to_string(f.width) + "x" + std::to_string(f.height) + " " + std::to_string(count));
+            int usable = 0;
+            for (int seed = 0; seed < 1024; ++seed) {
+                int owned[4] = {};
+                for (int i = 0; i < texels; ++i)
+                    ++owned[astcPartitionOf(seed, count, i % f.width, i / f.width, texels < 31)];
+                usable += std::all_of(owned, owned + count, [](int n) { return n > 0; }) ? 1 : 0;
+            }
+            const auto& patterns = table.patterns(count);
+            EXPECT_EQ(int(patterns.size()), usable);
+            EXPECT_LE(table.distinct(count).size(), patterns.size());
+            std::vector<const AstcPartitionPattern*> sample;
+            for (size_t j = 0; j < patterns.size(); j += std::max<size_t>(1, patterns.size() / 6)) {
+                const int seed = patterns[j].seed;
+                int owned[4] = {};
+                for (int i = 0; i < texels; ++i) {
+                    EXPECT_EQ(patterns[j].partitionOf[i], astcPartitionOf(seed, count, i % f.width, i / f.width,
+                                                                         texels < 31));
+                    ++owned[patterns[j].partitionOf[i]];
+                }
+                EXPECT_TRUE(std::all_of(owned, owned + count, [](int n) { return n > 0; }));
+                sample.push_back(&patterns[j]);
+            }
+            // One block per sampled seed: grid 4x3 of 4-level weights, luminance endpoints
+            // equal within each partition.
+            AstcBlockContent c;
+            c.mode.gridWidth = 4, c.mode.gridHeight = 3, c.mode.weightRange = 2;
+            c.partitionCount = count;
+            c.colourRange = astcColourRangeOf(c);
+            ASSERT_GE(c.colourRange, 0);
+            const int levels = astcRangeLevels(c.colourRange);
+            int grey[4];
+            for (int p = 0; p < count; ++p) {
+                const uint8_t v = uint8_t(p * (levels - 1) / 3);
+                c.colourValues[2 * p] = c.colourValues[2 * p + 1] = v;
+                grey[p] = astcColourUnquant(c.colourRange, v);
+            }
+            std::vector<uint8_t> blocks(sample.size() * 16);
+            for (size_t b = 0; b < sample.size(); ++b) {
+                c.partitionSeed = sample[b]->seed;
+                ASSERT_TRUE(writeAstcBlock(c, &blocks[b * 16]));
+            }
+            const int w = int(sample.size()) * f.width, h = f.height;
+            std::vector<uint8_t> ours, reference;
+            decodeAstcImage(blocks.data(), uint32_t(w), uint32_t(h), f, ours);
+            const bool checkReference = haveAstcenc && astcencDecode(blocks, f, w, h, reference);
+            ASSERT_TRUE(checkReference || !haveAstcenc);
+            for (size_t b = 0; b < sample.size(); ++b)
+                for (int i = 0; i < texels; ++i) {
+                    const size_t at = (size_t(i / f.width) * w + b * f.width + i % f.width) * 4;
+                    const int expected = grey[sample[b]->partitionOf[i]];
+                    ASSERT_EQ(ours[at], expected) << "seed " << sample[b]->seed << " texel " << i;
+                    if (checkReference) {
+                        ASSERT_EQ(reference[at], expected) << "seed " << sample[b]->seed << " texel " << i;
+                    }
+                }
+        }
+    }
+}
+
+// The filters of the high encoder: a uniform block leaves every error-filtered list after the
+// first pass, a block of two unrelated colour ramps gets two partitions and the mark 2.
+TEST(AstcHighLevels, UniformBlocksLeaveTheListsAndTwoRampsTakeTwoPartitions) {
+    for (const int level : {2, 3}) {
+        const AstcFootprint f{6, 6};
+        const int w = 2 * f.width, h = f.height;
+        std::vector<uint8_t> pixels(size_t(w) * h * 4, 255);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                uint8_t* p = &pixels[(size_t(y) * w + x) * 4];
+                const int ramp = (x + y) * 20;
+                if (x < f.width)
+                    p[0] = 40, p[1] = 90, p[2] = 200;
+                else if (y < 3)
+                    p[0] = uint8_t(200 - ramp / 2), p[1] = 30, p[2] = uint8_t(20 + ramp / 3);
+                else
+                    p[0] = 20, p[1] = uint8_t(60 + ramp / 2), p[2] = uint8_t(230 - ramp / 3);
+            }
+        glyptora::ImageRecord record;
+        record.data = pixels.data(), record.width = w, record.height = h;
+        glyptora::CPUInputBuffer buffer(&record, 1, glyptora::kValueU8, f.width, f.height, 1, 1, 1, 2);
+        std::vector<uint8_t> blocks(32);
+        const AstcEncoderInput input = makeAstcEncoderInput(
+            dynamic_cast<const glyptora::U8TileBuffer*>(buffer.buffer())->view(), false, blocks.data());
+        astc_cpu_high encoder(input, level);
+        EXPECT_EQ(encoder.searchWidths()[0], level == 3 ? 2 : 1);
+        EXPECT_EQ(encoder.searchWidths()[1], level == 3 ? 4 : 1);
+        encoder.encode();
+        const auto& states = encoder.context().states;
+        EXPECT_EQ(states[0].bestError, 0.0);
+        EXPECT_TRUE(astc_cpu_level1::blocksWithError(encoder.context(), false) == std::vector<uint32_t>{1});
+        const std::vector<uint32_t> above = astc_cpu_high::blocksAboveThreshold(encoder.context(), 0);
+        EXPECT_TRUE(std::find(above.begin(), above.end(), 0u) == above.end());
+        AstcBlockContent content;
+        uint16_t constant[4];
+        EXPECT_EQ(readAstcBlock(blocks.data(), f.width, f.height, content, constant), AstcBlockKind::ConstantColour);
+        ASSERT_EQ(readAstcBlock(blocks.data() + 16, f.width, f.height, content, constant), AstcBlockKind::Ordinary);
+        EXPECT_EQ(content.partitionCount, 2);
+        EXPECT_EQ(states[1].partitionMark, 2u);
+    }
+}
+
+// Whole images at every level and footprint: the blocks decode the same in our decoder and in
+// astcenc, level 0 uses exactly the first single-plane mode, level 1 only the modes of its
+// passes, levels 2 and 3 at least as well as level 1 with blocks of 2 and 3 partitions (four
+// only from 6x6 up) and two planes (with two partitions at 4x4 alone); an opaque image stays
+// opaque and the quality is that of a working encoder.
 TEST(AstcEncoder, EveryFootprintAndLevelAgainstTheReferenceDecoder) {
     const bool haveAstcenc = std::system("command -v astcenc > /dev/null 2>&1") == 0;
     struct Image {
@@ -331,14 +450,17 @@ TEST(AstcEncoder, EveryFootprintAndLevelAgainstTheReferenceDecoder) {
     const double kFloors[kAstcFootprintCount] = {35.8, 34.1, 32.0, 28.1, 27.1, 27.0, 25.9,
                                                  24.3, 24.0, 23.8, 22.3, 21.6, 22.4, 21.6};
     const Image images[] = {{37, 23, Kind::Photo}, {37, 23, Kind::Alpha}, {13, 7, Kind::Normals}, {1, 1, Kind::Photo}};
+    // Blocks per level (2, 3) with 1..4 partitions, and dual-plane blocks.
+    int partitioned[2][5] = {}, dualPlane[2] = {};
     for (int fi = 0; fi < kAstcFootprintCount; ++fi) {
         const AstcFootprint f = astcFootprint(fi);
         std::vector<AstcModeInfo> level1 = astcPassModes(AstcPass::Level1SinglePlane, fi);
         const AstcModeInfo first = level1.front();
         if (f.width * f.height < 30)
             for (const AstcModeInfo& m : astcPassModes(AstcPass::DualPlane, fi)) level1.push_back(m);
-        for (int level = 0; level < 2; ++level)
-            for (const Image& im : images) {
+        for (const Image& im : images) {
+            double levelPsnr[4] = {};
+            for (int level = 0; level < 4; ++level) {
                 SCOPED_TRACE(std::to_string(f.width) + "x" + std::to_string(f.height) + " level " +
                              std::to_string(level) + " image " + std::to_string(im.w) + "x" + std::to_string(im.h));
                 const std::vector<uint8_t> pixels = picture(im.w, im.h, im.kind);
@@ -354,8 +476,15 @@ TEST(AstcEncoder, EveryFootprintAndLevelAgainstTheReferenceDecoder) {
                         return m.mode.gridWidth == c.mode.gridWidth && m.mode.gridHeight == c.mode.gridHeight &&
                                m.mode.weightRange == c.mode.weightRange && m.mode.dualPlane == c.mode.dualPlane;
                     };
-                    EXPECT_TRUE(level == 0 ? same(first) : std::any_of(level1.begin(), level1.end(), same));
-                    EXPECT_EQ(c.partitionCount, 1);
+                    if (level < 2) {
+                        EXPECT_TRUE(level == 0 ? same(first) : std::any_of(level1.begin(), level1.end(), same));
+                        EXPECT_EQ(c.partitionCount, 1);
+                        continue;
+                    }
+                    ++partitioned[level - 2][c.partitionCount];
+                    dualPlane[level - 2] += c.mode.dualPlane ? 1 : 0;
+                    EXPECT_TRUE(c.partitionCount < 4 || f.width * f.height >= 36);
+                    EXPECT_TRUE(!c.mode.dualPlane || c.partitionCount == 1 || fi == 0);
                 }
                 std::vector<uint8_t> ours, reference;
                 decodeAstcImage(blocks.data(), uint32_t(im.w), uint32_t(im.h), f, ours);
@@ -363,14 +492,59 @@ TEST(AstcEncoder, EveryFootprintAndLevelAgainstTheReferenceDecoder) {
                     for (size_t i = 3; i < ours.size(); i += 4) ASSERT_EQ(ours[i], 255) << "texel " << i / 4;
                 }
                 if (im.w > 1) {
-                    const double p = psnr(pixels, ours, alpha ? 4 : 3);
+                    const double p = levelPsnr[level] = psnr(pixels, ours, alpha ? 4 : 3);
                     const double kindOffset[3] = {0.0, -2.5, 6.0};
                     EXPECT_GT(p, kFloors[fi] + kindOffset[int(im.kind)] - (level == 0 ? 4.5 : 0.0));
+                    if (level >= 2) {
+                        EXPECT_GT(p, levelPsnr[1] - 0.05);
+                    }
                 }
                 if (!haveAstcenc) continue;
                 ASSERT_TRUE(astcencDecode(blocks, f, im.w, im.h, reference));
                 EXPECT_TRUE(ours == reference);
             }
+        }
+    }
+    for (int level = 0; level < 2; ++level) {
+        for (int count = 2; count <= 3; ++count) EXPECT_GT(partitioned[level][count], 0) << level + 2 << " " << count;
+        EXPECT_GT(dualPlane[level], 0) << level + 2;
     }
     if (!haveAstcenc) GTEST_SKIP() << "astcenc not installed: our decoder only";
+}
+
+// A bench photograph at 4x4 produces at levels 2 and 3 every kind of block those levels make
+// there (two and three partitions, with shared and with mixed endpoint modes, two planes with
+// one and with two partitions), and astcenc decodes it as our decoder does.
+TEST(AstcHighLevels, BenchPhotoProducesEveryBlockKind) {
+    const char* path = "/usr/lib/python3/dist-packages/skimage/data/astronaut.png";
+    int pw = 0, ph = 0, n = 0;
+    stbi_uc* px = stbi_load(path, &pw, &ph, &n, 4);
+    if (!px) GTEST_SKIP() << "bench photograph not installed";
+    const std::vector<uint8_t> photo(px, px + size_t(pw) * ph * 4);
+    stbi_image_free(px);
+    const bool haveAstcenc = std::system("command -v astcenc > /dev/null 2>&1") == 0;
+    for (const int level : {2, 3}) {
+        const std::vector<uint8_t> blocks = encode(photo, pw, ph, AstcFootprint{4, 4}, level, false);
+        int partitions[5] = {}, dual[3] = {}, mixed = 0;
+        for (size_t b = 0; b < blocks.size(); b += 16) {
+            AstcBlockContent c;
+            uint16_t constant[4];
+            if (readAstcBlock(&blocks[b], 4, 4, c, constant) != AstcBlockKind::Ordinary) continue;
+            ++partitions[c.partitionCount];
+            dual[c.partitionCount] += c.mode.dualPlane ? 1 : 0;
+            mixed += c.partitionCount > 1 && c.cem[1] != c.cem[0] ? 1 : 0;
+        }
+        EXPECT_GT(partitions[2], 0) << level;
+        EXPECT_GT(partitions[3], 0) << level;
+        EXPECT_EQ(partitions[4], 0) << level;
+        EXPECT_GT(dual[1], 0) << level;
+        EXPECT_GT(dual[2], 0) << level;
+        EXPECT_GT(mixed, 0) << level;
+        std::vector<uint8_t> ours, reference;
+        decodeAstcImage(blocks.data(), uint32_t(pw), uint32_t(ph), AstcFootprint{4, 4}, ours);
+        EXPECT_GT(psnr(photo, ours, 3), 43.0) << level;
+        if (!haveAstcenc) continue;
+        ASSERT_TRUE(astcencDecode(blocks, AstcFootprint{4, 4}, pw, ph, reference));
+        EXPECT_TRUE(ours == reference) << level;
+    }
 }

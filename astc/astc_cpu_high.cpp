@@ -1,0 +1,176 @@
+#include "astc/astc_cpu_high.h"
+
+#include <algorithm>
+
+#include "astc/block_passes.h"
+#include "astc/block_search.h"
+#include "astc/candidate_lists.h"
+#include "astc/colour_statistics.h"
+#include "astc/dual_plane_choice.h"
+#include "astc/footprints.h"
+#include "astc/partition_search.h"
+#include "astc/partition_selection.h"
+
+namespace glyptora_astc {
+
+namespace {
+
+// Footprints of at least this many texels get the four-partition pass; below this many, the
+// two-partition dual-plane pass (4x4 alone).
+constexpr int kFourPartitionArea = 36;
+constexpr int kTwoPartitionDualPlaneArea = 20;
+
+// Full fits per search and weight refits of the winner, by level (2, 3): single plane, one
+// partitioning, dual plane.
+struct HighEffort {
+    int singleFits, partitionFits, dualFits, refineRounds;
+};
+constexpr HighEffort kHighEffort[2] = {{6, 4, 2, 2}, {8, 6, 4, 3}};
+
+AstcSearchSettings highSettings(bool hasAlpha, int fullFits, int refineRounds) {
+    AstcSearchSettings settings;
+    settings.endpointModes = hasAlpha ? kAstcAlphaEndpointModes : kAstcOpaqueEndpointModes;
+    settings.endpointModeCount = 4;
+    settings.refineRounds = refineRounds;
+    settings.fullFits = fullFits;
+    settings.chooseLevels = true;
+    settings.blueContraction = true;
+    return settings;
+}
+
+std::vector<AstcModeGroup> passGroups(AstcPass pass, int footprint, InfillMatDataBase& infill) {
+    return astcGroupModes(astcPassModes(pass, footprint), infill);
+}
+
+}  // namespace
+
+astc_cpu_high::astc_cpu_high(const AstcEncoderInput& input, int level)
+    : m_level(level >= 3 ? 3 : 2),
+      m_infill(input.blockWidth, input.blockHeight),
+      m_partitions(input.blockWidth, input.blockHeight) {
+    m_context.input = &input;
+    m_context.states.resize(input.blockCount);
+    AstcTileIndex(input.blockWidth, input.blockHeight, m_footprint);
+    m_widths[0] = m_level == 3 ? 2 : 1;
+    m_widths[1] = m_level == 3 ? 4 : 1;
+    const double area = double(input.blockWidth * input.blockHeight);
+    m_thresholds[0] = (area * 0.001) * (area * 0.001);
+    m_thresholds[1] = (area * 0.008) * (area * 0.008);
+}
+
+std::vector<uint32_t> astc_cpu_high::blocksAboveThreshold(const AstcBlockContext& context, uint32_t mark) {
+    const AstcEncoderInput& in = *context.input;
+    const double t[2] = {astcRefinementThreshold(in.blockWidth, in.blockHeight, false),
+                         astcRefinementThreshold(in.blockWidth, in.blockHeight, true)};
+    std::vector<uint32_t> blocks;
+    for (uint32_t b = 0; b < uint32_t(context.states.size()); ++b) {
+        const AstcBlockState& s = context.states[b];
+        const bool alpha = in.blockHasAlpha(b);
+        if ((mark == 0 || s.partitionMark == mark) &&
+            astcPerSampleError(s.bestError, in.validRegion(b), alpha) > t[alpha ? 1 : 0])
+            blocks.push_back(b);
+    }
+    return blocks;
+}
+
+void astc_cpu_high::singlePlanePass() {
+    const AstcEncoderInput& in = *m_context.input;
+    const std::vector<AstcModeGroup> groups = passGroups(AstcPass::HighSinglePlane, m_footprint, m_infill);
+    const HighEffort& effort = kHighEffort[m_level - 2];
+    astcForBlocks(in, astc_cpu_level1::blocksWithError(m_context, false),
+                  [&](uint32_t block, const AstcBlockTexels& texels) {
+                      AstcBlockState& state = m_context.states[block];
+                      AstcSearchResult result;
+                      result.error = state.bestError;
+                      AstcBlockSearch(texels, in.weights, in.inverseWeights)
+                          .singlePlane(groups, highSettings(texels.hasAlpha, effort.singleFits, effort.refineRounds),
+                                       result);
+                      astcKeepIfBetter(state, result);
+                  });
+}
+
+void astc_cpu_high::partitionPass(const std::vector<uint32_t>& blocks, int partitions, bool dualPlane, bool wide,
+                                  const std::vector<AstcModeGroup>& groups) {
+    const AstcEncoderInput& in = *m_context.input;
+    const HighEffort& effort = kHighEffort[m_level - 2];
+    const int fits = dualPlane ? effort.dualFits : effort.partitionFits;
+    astcForBlocks(in, blocks, [&](uint32_t block, const AstcBlockTexels& texels) {
+        AstcBlockState& state = m_context.states[block];
+        const int channel = dualPlane ? state.dualPlaneChoice : -1;
+        if (dualPlane && channel < 0) return;
+        // Hard blocks (error above the second threshold) try the wider set of partitionings.
+        const int width = wide && state.bestError > m_thresholds[1] ? m_widths[1] : m_widths[0];
+        const AstcPartitionPattern* candidates[8];
+        const int count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates);
+        const AstcSearchSettings settings = highSettings(texels.hasAlpha, fits, effort.refineRounds);
+        AstcSearchResult result;
+        result.error = state.bestError;
+        // A block at or below the first threshold is done: later candidates are not tried.
+        for (int k = 0; k < count && result.error > m_thresholds[0]; ++k)
+            AstcPartitionSearch(texels, *candidates[k], partitions, in.weights, in.inverseWeights)
+                .search(groups, channel, settings, result);
+        if (astcKeepIfBetter(state, result) && !dualPlane) state.partitionMark = uint32_t(partitions);
+    });
+}
+
+void astc_cpu_high::dualPlanePreparationPass() {
+    astcForBlocks(*m_context.input, astcAllBlocks(m_context.input->blockCount),
+                  [&](uint32_t block, const AstcBlockTexels& texels) {
+                      AstcColourStatistics stats;
+                      astcColourStatistics(texels, stats);
+                      m_context.states[block].dualPlaneChoice = astcDualPlaneChoice(stats, texels.hasAlpha);
+                  });
+}
+
+void astc_cpu_high::dualPlanePass(const std::vector<uint32_t>& blocks) {
+    const AstcEncoderInput& in = *m_context.input;
+    const std::vector<AstcModeGroup> groups = passGroups(AstcPass::DualPlane, m_footprint, m_infill);
+    const HighEffort& effort = kHighEffort[m_level - 2];
+    astcForBlocks(in, blocks, [&](uint32_t block, const AstcBlockTexels& texels) {
+        AstcBlockState& state = m_context.states[block];
+        AstcSearchResult result;
+        result.error = state.bestError;
+        AstcBlockSearch(texels, in.weights, in.inverseWeights)
+            .dualPlane(groups, state.dualPlaneChoice,
+                       highSettings(texels.hasAlpha, effort.dualFits, effort.refineRounds), result);
+        astcKeepIfBetter(state, result);
+    });
+}
+
+void astc_cpu_high::encode() {
+    const AstcEncoderInput& in = *m_context.input;
+    const int area = in.blockWidth * in.blockHeight;
+    astcForBlocks(in, astcAllBlocks(in.blockCount), [&](uint32_t block, const AstcBlockTexels& texels) {
+        astc_cpu_level1::EncodeConstBlock(m_context, block, texels);
+    });
+    singlePlanePass();
+    partitionPass(blocksAboveThreshold(m_context, 0), 2, false, true,
+                  passGroups(AstcPass::HighTwoPartitions, m_footprint, m_infill));
+    // 6x6, 8x5 and 8x6 (36 to 49 texels) give hard blocks no wider search of three partitions:
+    // their three-partition modes leave the colours little room, and the width costs more than
+    // it gains there.
+    const bool wideThree = area < 36 || area > 49;
+    partitionPass(blocksAboveThreshold(m_context, 2), 3, false, wideThree,
+                  passGroups(AstcPass::HighThreePartitions, m_footprint, m_infill));
+    if (area >= kFourPartitionArea)
+        partitionPass(blocksAboveThreshold(m_context, 3), 4, false, true,
+                      passGroups(AstcPass::HighFourPartitions, m_footprint, m_infill));
+    dualPlanePreparationPass();
+    const std::vector<uint32_t> dualBlocks = astc_cpu_level1::blocksWithError(m_context, true);
+    std::vector<double> before(dualBlocks.size());
+    for (size_t i = 0; i < dualBlocks.size(); ++i) before[i] = m_context.states[dualBlocks[i]].bestError;
+    dualPlanePass(dualBlocks);
+    if (area < kTwoPartitionDualPlaneArea) {
+        // Blocks that two planes improved and that are still above the threshold.
+        const std::vector<uint32_t> above = blocksAboveThreshold(m_context, 0);
+        std::vector<uint32_t> blocks;
+        for (size_t i = 0; i < dualBlocks.size(); ++i)
+            if (before[i] > m_context.states[dualBlocks[i]].bestError &&
+                std::binary_search(above.begin(), above.end(), dualBlocks[i]))
+                blocks.push_back(dualBlocks[i]);
+        partitionPass(blocks, 2, true, true, passGroups(AstcPass::HighTwoPartitionDualPlane, m_footprint, m_infill));
+    }
+    astc_cpu_level1::WriteBlocks(m_context);
+}
+
+}  // namespace glyptora_astc

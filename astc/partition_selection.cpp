@@ -1,0 +1,218 @@
+#include "astc/partition_selection.h"
+
+#include <algorithm>
+
+#include "astc/dual_plane_choice.h"
+
+namespace glyptora_astc {
+
+namespace {
+
+constexpr int kKMeansRounds = 4;
+constexpr int kMaxShortlist = 16;
+
+float distance2(const AstcBlockTexels& t, int i, const float* centre) {
+    float d = 0.0f;
+    for (int c = 0; c < 4; ++c) {
+        const float e = t.channel[c][i] - centre[c];
+        d += e * e;
+    }
+    return d;
+}
+
+// k-means over the valid texels, started from farthest points: the texel farthest from the
+// mean, then each time the texel farthest from the centres so far. Writes each cluster's
+// texel set, and after the k clusters the set of all valid texels.
+void clusterTexels(const AstcBlockTexels& t, int k, uint64_t clusters[5][kAstcTexelWords]) {
+    float centre[4][4] = {}, mean[4] = {};
+    for (int i = 0; i < t.texels; ++i)
+        if (t.valid[i] != 0.0f)
+            for (int c = 0; c < 4; ++c) mean[c] += t.channel[c][i] / float(t.validCount);
+    float nearest[kAstcMaxTexels];
+    for (int i = 0; i < t.texels; ++i) nearest[i] = distance2(t, i, mean);
+    for (int j = 0; j < k; ++j) {
+        int far = -1;
+        for (int i = 0; i < t.texels; ++i)
+            if (t.valid[i] != 0.0f && (far < 0 || nearest[i] > nearest[far])) far = i;
+        for (int c = 0; c < 4; ++c) centre[j][c] = t.channel[c][far];
+        for (int i = 0; i < t.texels; ++i)
+            nearest[i] = std::min(j == 0 ? 1e30f : nearest[i], distance2(t, i, centre[j]));
+    }
+    uint8_t label[kAstcMaxTexels] = {};
+    for (int round = 0; round < kKMeansRounds; ++round) {
+        float sum[4][5] = {};
+        for (int i = 0; i < t.texels; ++i) {
+            if (t.valid[i] == 0.0f) continue;
+            int best = 0;
+            float bestD = distance2(t, i, centre[0]);
+            for (int j = 1; j < k; ++j) {
+                const float d = distance2(t, i, centre[j]);
+                if (d < bestD) bestD = d, best = j;
+            }
+            label[i] = uint8_t(best);
+            for (int c = 0; c < 4; ++c) sum[best][c] += t.channel[c][i];
+            sum[best][4] += 1.0f;
+        }
+        for (int j = 0; j < k; ++j)
+            if (sum[j][4] > 0.0f)
+                for (int c = 0; c < 4; ++c) centre[j][c] = sum[j][c] / sum[j][4];
+    }
+    for (int j = 0; j <= 4; ++j)
+        for (int w = 0; w < kAstcTexelWords; ++w) clusters[j][w] = 0;
+    for (int i = 0; i < t.texels; ++i)
+        if (t.valid[i] != 0.0f) {
+            clusters[label[i]][i >> 6] |= uint64_t(1) << (i & 63);
+            clusters[k][i >> 6] |= uint64_t(1) << (i & 63);
+        }
+}
+
+// Set bits of a word: portably, or by the processor's population-count instruction (in the
+// scan compiled for processors that have one).
+struct PortableBitCount {
+    static int of(uint64_t x) {
+        x -= (x >> 1) & 0x5555555555555555ull;
+        x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
+        x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+        return int((x * 0x0101010101010101ull) >> 56);
+    }
+};
+struct HardwareBitCount {
+    static int of(uint64_t x) { return __builtin_popcountll(x); }
+};
+
+// What the scan over the patterns compares them with: the clusters' texel sets (after them,
+// all valid texels), and the matchings of partitions to clusters.
+struct ClusterScan {
+    int k = 2, words = 1, permutationCount = 0;
+    uint64_t clusters[5][kAstcTexelWords];
+    uint8_t permutations[24][4];
+};
+
+// Texels of the pattern's partitions that the clustering also groups together, under the
+// best matching of partitions to clusters. The last cluster's share of each partition is
+// what the others leave of the partition's valid texels.
+template <typename Count>
+[[gnu::always_inline]] inline int agreement(const AstcPartitionPattern& pattern, const ClusterScan& scan) {
+    const int k = scan.k, words = scan.words;
+    if (k == 2) {
+        // Two matchings: the texels one keeps are the ones the other loses.
+        int same = 0, all = 0;
+        for (int w = 0; w < words; ++w) {
+            same += Count::of(pattern.texelsOf[0][w] & scan.clusters[0][w]) +
+                    Count::of(pattern.texelsOf[1][w] & scan.clusters[1][w]);
+            all += Count::of(scan.clusters[2][w]);
+        }
+        return std::max(same, all - same);
+    }
+    int shared[4][4];
+    for (int p = 0; p < k; ++p) {
+        int owned = 0;
+        for (int w = 0; w < words; ++w) owned += Count::of(pattern.texelsOf[p][w] & scan.clusters[k][w]);
+        for (int j = 0; j + 1 < k; ++j) {
+            int n = 0;
+            for (int w = 0; w < words; ++w) n += Count::of(pattern.texelsOf[p][w] & scan.clusters[j][w]);
+            shared[p][j] = n;
+            owned -= n;
+        }
+        shared[p][k - 1] = owned;
+    }
+    int best = 0;
+    for (int q = 0; q < scan.permutationCount; ++q) {
+        int n = 0;
+        for (int p = 0; p < k; ++p) n += shared[p][scan.permutations[q][p]];
+        best = std::max(best, n);
+    }
+    return best;
+}
+
+// The `size` distinct patterns that agree best with the clustering, best first, earlier
+// seeds first among equals; returns how many.
+template <typename Count>
+[[gnu::always_inline]] inline int shortlistPatterns(const AstcPartitionTable& table, const ClusterScan& scan, int size,
+                                                   const AstcPartitionPattern** listed) {
+    const std::vector<AstcPartitionPattern>& patterns = table.patterns(scan.k);
+    int score[kMaxShortlist], count = 0;
+    for (const uint16_t index : table.distinct(scan.k)) {
+        const AstcPartitionPattern& pattern = patterns[index];
+        const int s = agreement<Count>(pattern, scan);
+        if (count == size && score[size - 1] >= s) continue;
+        int at = count < size ? count : size - 1;
+        while (at > 0 && score[at - 1] < s) score[at] = score[at - 1], listed[at] = listed[at - 1], --at;
+        score[at] = s, listed[at] = &pattern;
+        count = std::min(count + 1, size);
+    }
+    return count;
+}
+
+[[gnu::target("popcnt")]] int shortlistWithPopcount(const AstcPartitionTable& table, const ClusterScan& scan,
+                                                     int size, const AstcPartitionPattern** listed) {
+    return shortlistPatterns<HardwareBitCount>(table, scan, size, listed);
+}
+
+int shortlist(const AstcPartitionTable& table, const ClusterScan& scan, int size, const AstcPartitionPattern** listed) {
+    static const bool popcount = __builtin_cpu_supports("popcnt");
+    return popcount ? shortlistWithPopcount(table, scan, size, listed)
+                    : shortlistPatterns<PortableBitCount>(table, scan, size, listed);
+}
+
+// What one line per partition leaves of the valid texels' colours (sum over texels).
+float lineResidual(const AstcBlockTexels& t, const AstcPartitionPattern& pattern, int k) {
+    float total = 0.0f;
+    for (int p = 0; p < k; ++p) {
+        float mean[4] = {}, cov[4][4] = {};
+        int n = 0;
+        for (int i = 0; i < t.texels; ++i)
+            if (t.valid[i] != 0.0f && pattern.partitionOf[i] == p) {
+                ++n;
+                for (int c = 0; c < 4; ++c) mean[c] += t.channel[c][i];
+            }
+        if (n < 2) continue;
+        for (int c = 0; c < 4; ++c) mean[c] /= float(n);
+        for (int i = 0; i < t.texels; ++i)
+            if (t.valid[i] != 0.0f && pattern.partitionOf[i] == p)
+                for (int r = 0; r < 4; ++r)
+                    for (int c = r; c < 4; ++c)
+                        cov[r][c] += (t.channel[r][i] - mean[r]) * (t.channel[c][i] - mean[c]) / float(n);
+        for (int r = 0; r < 4; ++r)
+            for (int c = 0; c < r; ++c) cov[r][c] = cov[c][r];
+        total += float(n) * astcLineResidual(cov);
+    }
+    return total;
+}
+
+}  // namespace
+
+int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTable& table, int partitionCount,
+                            int keep, const AstcPartitionPattern** out) {
+    const std::vector<AstcPartitionPattern>& patterns = table.patterns(partitionCount);
+    keep = std::min(keep, 8);
+    if (keep <= 0 || patterns.empty() || texels.validCount < partitionCount) return 0;
+    ClusterScan scan;
+    const int k = scan.k = partitionCount;
+    scan.words = (texels.texels + 63) / 64;
+    clusterTexels(texels, k, scan.clusters);
+    // The matchings of partitions to clusters: the orders of 0..3 that leave k..3 in place.
+    for (int q = 0; q < 24; ++q) {
+        uint8_t order[4], rest[4] = {0, 1, 2, 3};
+        for (int p = 0, code = q, left = 4; p < 4; ++p, --left) {
+            const int pick = code % left;
+            code /= left;
+            order[p] = rest[pick];
+            for (int j = pick; j + 1 < left; ++j) rest[j] = rest[j + 1];
+        }
+        bool fixed = true;
+        for (int p = k; p < 4; ++p) fixed = fixed && order[p] == p;
+        if (fixed) std::copy(order, order + 4, scan.permutations[scan.permutationCount++]);
+    }
+    const AstcPartitionPattern* listed[kMaxShortlist];
+    const int listedCount = shortlist(table, scan, std::min(kMaxShortlist, 8 + 4 * keep), listed);
+    float residual[kMaxShortlist];
+    int rank[kMaxShortlist];
+    for (int j = 0; j < listedCount; ++j) residual[j] = lineResidual(texels, *listed[j], k), rank[j] = j;
+    std::stable_sort(rank, rank + listedCount, [&](int a, int b) { return residual[a] < residual[b]; });
+    const int kept = std::min(keep, listedCount);
+    for (int j = 0; j < kept; ++j) out[j] = listed[rank[j]];
+    return kept;
+}
+
+}  // namespace glyptora_astc
