@@ -32,6 +32,7 @@ AstcSearchSettings highSettings(bool hasAlpha, int fullFits, int refineRounds) {
     settings.endpointModes = hasAlpha ? kAstcAlphaEndpointModes : kAstcOpaqueEndpointModes;
     settings.endpointModeCount = 4;
     settings.refineRounds = refineRounds;
+    settings.polishRounds = 2;
     settings.fullFits = fullFits;
     settings.chooseLevels = true;
     settings.blueContraction = true;
@@ -77,13 +78,16 @@ void astc_cpu_high::singlePlanePass() {
     const AstcEncoderInput& in = *m_context.input;
     const std::vector<AstcModeGroup> groups = passGroups(AstcPass::HighSinglePlane, m_footprint, m_infill);
     const HighEffort& effort = kHighEffort[m_level - 2];
+    // Level 3 fits every single-plane mode from 6x6 up: the ranking misses there more often,
+    // and those footprints have the time to spare.
+    const int fits = m_level == 3 && in.blockWidth * in.blockHeight >= kFourPartitionArea ? 0 : effort.singleFits;
     astcForBlocks(in, astc_cpu_level1::blocksWithError(m_context, false),
                   [&](uint32_t block, const AstcBlockTexels& texels) {
                       AstcBlockState& state = m_context.states[block];
                       AstcSearchResult result;
                       result.error = state.bestError;
                       AstcBlockSearch(texels, in.weights, in.inverseWeights)
-                          .singlePlane(groups, highSettings(texels.hasAlpha, effort.singleFits, effort.refineRounds),
+                          .singlePlane(groups, highSettings(texels.hasAlpha, fits, effort.refineRounds),
                                        result);
                       astcKeepIfBetter(state, result);
                   });

@@ -10,6 +10,7 @@
 #include "astc/integer_sequence.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
+#include "astc/weight_polish.h"
 #include "astc/weight_spectrum.h"
 #include "core/vec4.h"
 
@@ -374,6 +375,17 @@ void AstcBlockSearch::search(const std::vector<AstcModeGroup>& groups, int chann
         astcFitGrid(*winnerGrid, m_texels.texels, u1, grid1);
         if (channel >= 0) astcFitGrid(*winnerGrid, m_texels.texels, u2, grid2);
         if (!tryMode(*winner, *winnerGrid, grid1, grid2, channel, settings, best, trial)) break;
+    }
+    // Grid points moved a level where the infill makes that better, then endpoints refitted to
+    // the moved weights.
+    for (int round = 0; round < settings.polishRounds && best.error > 0; ++round) {
+        AstcBlockContent polished;
+        float moved[2][64];
+        const float change = astcPolishWeights(m_texels, *winnerGrid, best.content, nullptr, m_weights, polished, moved);
+        if (!(change < 0.0f)) break;
+        best.content = polished;
+        best.error = std::max(0.0, best.error + double(change));
+        tryMode(*winner, *winnerGrid, moved[0], moved[1], channel, settings, best, trial);
     }
 }
 

@@ -23,6 +23,7 @@ struct AstcSearchSettings {
     const uint8_t* endpointModes = nullptr;  // in order of trial
     int endpointModeCount = 0;
     int refineRounds = 1;  // weight refits of the best mode
+    int polishRounds = 0;  // grid-point level moves of the best mode, each followed by an endpoint refit
     // Modes fitted in full: the others are ranked by an error estimate and only this many of
     // the best estimated go on; 0 fits every mode.
     int fullFits = 0;

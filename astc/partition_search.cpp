@@ -10,6 +10,7 @@
 #include "astc/fit_models.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
+#include "astc/weight_polish.h"
 #include "astc/weight_spectrum.h"
 
 namespace glyptora_astc {
@@ -384,6 +385,17 @@ void AstcPartitionSearch::search(const std::vector<AstcModeGroup>& groups, int c
         astcFitGrid(*grids[winner], m_texels.texels, u1, grid1);
         if (channel >= 0) astcFitGrid(*grids[winner], m_texels.texels, u2, grid2);
         if (!tryMode(*modes[winner], *grids[winner], grid1, grid2, channel, settings, best, trial)) break;
+    }
+    // Grid points moved a level where the infill makes that better, then endpoints refitted to
+    // the moved weights.
+    for (int round = 0; round < settings.polishRounds && best.error > 0; ++round) {
+        AstcBlockContent polished;
+        float moved[2][64];
+        const float change = astcPolishWeights(m_texels, *grids[winner], best.content, m_pattern.partitionOf, m_weights, polished, moved);
+        if (!(change < 0.0f)) break;
+        best.content = polished;
+        best.error = std::max(0.0, best.error + double(change));
+        tryMode(*modes[winner], *grids[winner], moved[0], moved[1], channel, settings, best, trial);
     }
 }
 
