@@ -44,39 +44,46 @@ uint32_t fourCC(const char* s) {
            uint32_t(uint8_t(s[3])) << 24;
 }
 
-// DDS: "DDS ", 124-byte header, optional 20-byte DX10 header, then every level from level 0.
+// DDS: "DDS ", 124-byte header, optional 20-byte DX10 header, then slice after slice (array
+// layer, and cube face within a layer), each with every level from level 0. Arrays and cube
+// maps take the DX10 header, whose array size counts layers (whole cube maps for cubes).
 std::vector<uint8_t> writeDds(const EncodedTexture& t) {
     const FormatDesc& f = *t.format;
+    const bool cube = t.faces == 6;
+    const bool dx10 = !f.fourCC || t.isArray || cube || t.premultiplied;
+    const bool complex = t.levels > 1 || cube || t.slices() > 1;
     std::vector<uint8_t> out;
     Writer w(out);
     enum : uint32_t {
         kCaps = 0x1, kHeight = 0x2, kWidth = 0x4, kPixelFormat = 0x1000, kMipMapCount = 0x20000, kLinearSize = 0x80000,
-        kPfFourCC = 0x4, kCapsComplex = 0x8, kCapsTexture = 0x1000, kCapsMipMap = 0x400000,
+        kCapsComplex = 0x8, kCapsTexture = 0x1000, kCapsMipMap = 0x400000,
     };
     w.u32(fourCC("DDS "));
-    w.u32(124);
+    w.u32(dds::kHeaderSize);
     w.u32(kCaps | kHeight | kWidth | kPixelFormat | kLinearSize | (t.levels > 1 ? uint32_t(kMipMapCount) : 0u));
     w.u32(t.height);
     w.u32(t.width);
-    w.u32(uint32_t(t.levelSizes[0]));  // linear size of level 0
+    w.u32(uint32_t(t.sliceBytes(0)));  // linear size of level 0
     w.u32(0);                          // depth
     w.u32(t.levels);
     w.zeros(11 * 4);
     // Pixel format.
-    w.u32(32);
-    w.u32(kPfFourCC);
-    w.u32(fourCC(f.fourCC ? f.fourCC : "DX10"));
+    w.u32(dds::kPixelFormatSize);
+    w.u32(dds::kPfFourCC);
+    w.u32(fourCC(dx10 ? "DX10" : f.fourCC));
     w.zeros(5 * 4);
-    w.u32(kCapsTexture | (t.levels > 1 ? uint32_t(kCapsComplex | kCapsMipMap) : 0u));
-    w.zeros(4 * 4);  // caps2, caps3, caps4, reserved
-    if (!f.fourCC) {
+    w.u32(kCapsTexture | (complex ? uint32_t(kCapsComplex) : 0u) | (t.levels > 1 ? uint32_t(kCapsMipMap) : 0u));
+    w.u32(cube ? uint32_t(dds::kCaps2Cubemap | dds::kCaps2AllFaces) : 0u);
+    w.zeros(3 * 4);  // caps3, caps4, reserved
+    if (dx10) {
         w.u32(f.dxgiFormat);
-        w.u32(3);  // 2D texture
-        w.u32(0);  // misc flags
-        w.u32(1);  // array size
-        w.u32(0);  // alpha mode unknown
+        w.u32(dds::kDimensionTexture2D);
+        w.u32(cube ? uint32_t(dds::kMiscTextureCube) : 0u);
+        w.u32(t.layers);
+        w.u32(t.premultiplied ? uint32_t(dds::kAlphaModePremultiplied) : 0u);  // else unknown
     }
-    w.bytes(t.blocks.data(), t.blocks.size());
+    for (uint32_t s = 0; s < t.slices(); ++s)
+        for (uint32_t m = 0; m < t.levels; ++m) w.bytes(t.slice(m, s), size_t(t.sliceBytes(m)));
     return out;
 }
 
@@ -130,7 +137,7 @@ void dfdSamples(const FormatDesc& f, uint32_t& model, std::vector<Sample>& sampl
     }
 }
 
-void writeDfd(Writer& w, const FormatDesc& f) {
+void writeDfd(Writer& w, const FormatDesc& f, bool premultiplied, bool supercompressed) {
     uint32_t model = 0;
     std::vector<Sample> samples;
     dfdSamples(f, model, samples);
@@ -141,12 +148,12 @@ void writeDfd(Writer& w, const FormatDesc& f) {
     w.u8(uint8_t(model));
     w.u8(uint8_t(kPrimariesBT709));
     w.u8(uint8_t(f.isSrgb ? uint32_t(kTransferSrgb) : uint32_t(kTransferLinear)));
-    w.u8(0);                             // straight alpha
+    w.u8(premultiplied ? kDfdFlagPremultiplied : 0);
     w.u8(uint8_t(f.blockWidth - 1));
     w.u8(uint8_t(f.blockHeight - 1));
     w.u8(0);
     w.u8(0);
-    w.u8(uint8_t(f.blockBytes()));         // bytes of plane 0
+    w.u8(supercompressed ? 0 : uint8_t(f.blockBytes()));  // bytes of plane 0; 0 (unsized) when supercompressed
     w.zeros(7);
     for (const Sample& s : samples) {
         w.u16(uint16_t(s.bitOffset));
@@ -159,8 +166,9 @@ void writeDfd(Writer& w, const FormatDesc& f) {
 }
 
 // KTX 2.0: header, index, level index (level 0 first), DFD, key/value data, then the level
-// data from the smallest level to level 0, each level aligned to its block size.
-std::vector<uint8_t> writeKtx2(const EncodedTexture& t) {
+// data from the smallest level to level 0, each level aligned to its block size (to nothing
+// when supercompressed). A level holds every layer and face.
+std::vector<uint8_t> writeKtx2(const EncodedTexture& t, uint32_t scheme, const std::vector<std::vector<uint8_t>>* stored) {
     const FormatDesc& f = *t.format;
     std::vector<uint8_t> out;
     Writer w(out);
@@ -170,17 +178,17 @@ std::vector<uint8_t> writeKtx2(const EncodedTexture& t) {
     w.u32(t.width);
     w.u32(t.height);
     w.u32(0);  // pixel depth: 2D
-    w.u32(0);  // layer count: not an array
-    w.u32(1);  // faces
+    w.u32(t.isArray ? t.layers : 0u);  // layer count: 0 when not an array
+    w.u32(t.faces);
     w.u32(t.levels);
-    w.u32(0);  // no supercompression
+    w.u32(scheme);
     const size_t indexAt = w.size();
     w.zeros(4 * 4 + 2 * 8);  // dfd offset/length, kvd offset/length, sgd offset/length
     const size_t levelIndexAt = w.size();
     w.zeros(size_t(t.levels) * 24);
 
     const size_t dfdAt = w.size();
-    writeDfd(w, f);
+    writeDfd(w, f, t.premultiplied, scheme != kKtx2NoSupercompression);
     const size_t dfdLength = w.size() - dfdAt;
 
     const size_t kvdAt = w.size();
@@ -198,13 +206,14 @@ std::vector<uint8_t> writeKtx2(const EncodedTexture& t) {
     w.patch32(indexAt + 12, uint32_t(kvdLength));
     // No supercompression global data: offset and length stay 0.
 
-    const size_t alignment = size_t(f.blockBytes());  // lcm(block size, 4)
+    const size_t alignment = stored ? 1 : size_t(f.blockBytes());  // lcm(block size, 4)
     for (uint32_t m = t.levels; m-- > 0;) {
         w.padTo(alignment);
         const size_t at = w.size();
-        w.bytes(t.blocks.data() + t.levelOffsets[m], size_t(t.levelSizes[m]));
+        if (stored) w.bytes((*stored)[m].data(), (*stored)[m].size());
+        else w.bytes(t.blocks.data() + t.levelOffsets[m], size_t(t.levelSizes[m]));
         w.patch64(levelIndexAt + size_t(m) * 24 + 0, at);
-        w.patch64(levelIndexAt + size_t(m) * 24 + 8, t.levelSizes[m]);
+        w.patch64(levelIndexAt + size_t(m) * 24 + 8, w.size() - at);
         w.patch64(levelIndexAt + size_t(m) * 24 + 16, t.levelSizes[m]);
     }
     return out;
@@ -215,7 +224,7 @@ std::vector<uint8_t> writeAstc(const EncodedTexture& t) {
     const FormatDesc& f = *t.format;
     std::vector<uint8_t> out;
     Writer w(out);
-    w.u32(0x5CA1AB13u);
+    w.u32(kAstcFileMagic);
     w.u8(uint8_t(f.blockWidth));
     w.u8(uint8_t(f.blockHeight));
     w.u8(1);
@@ -226,6 +235,8 @@ std::vector<uint8_t> writeAstc(const EncodedTexture& t) {
     return out;
 }
 
+}  // namespace
+
 std::string lowerExtension(const std::string& path) {
     const size_t slash = path.find_last_of('/');
     const size_t dot = path.find_last_of('.');
@@ -235,15 +246,13 @@ std::string lowerExtension(const std::string& path) {
     return ext;
 }
 
-}  // namespace
-
 void layoutLevels(EncodedTexture& t) {
     t.levelOffsets.clear();
     t.levelSizes.clear();
     uint64_t offset = 0;
     for (uint32_t m = 0; m < t.levels; ++m) {
         const uint32_t w = std::max<uint32_t>(t.width >> m, 1), h = std::max<uint32_t>(t.height >> m, 1);
-        const uint64_t size = levelBytes(*t.format, w, h);
+        const uint64_t size = levelBytes(*t.format, w, h) * t.slices();
         t.levelOffsets.push_back(offset);
         t.levelSizes.push_back(size);
         offset += size;
@@ -290,13 +299,26 @@ bool containerAccepts(Container c, const FormatDesc& f, std::string& reason) {
     return true;
 }
 
+bool containerHoldsSlices(Container c, const EncodedTexture& t, std::string& reason) {
+    if (c == Container::ASTC && (t.slices() > 1 || t.isArray)) {
+        reason = "the .astc container holds one image (use .ktx2 for arrays and cube maps)";
+        return false;
+    }
+    return true;
+}
+
 std::vector<uint8_t> serialise(Container c, const EncodedTexture& t) {
     switch (c) {
         case Container::DDS: return writeDds(t);
-        case Container::KTX2: return writeKtx2(t);
+        case Container::KTX2: return writeKtx2(t, kKtx2NoSupercompression, nullptr);
         case Container::ASTC: return writeAstc(t);
     }
     return {};
+}
+
+std::vector<uint8_t> serialiseKtx2(const EncodedTexture& t, uint32_t scheme,
+                                   const std::vector<std::vector<uint8_t>>& stored) {
+    return writeKtx2(t, scheme, scheme == kKtx2NoSupercompression ? nullptr : &stored);
 }
 
 }  // namespace glyptora_tools

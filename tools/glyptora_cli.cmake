@@ -10,13 +10,20 @@ if(NOT GLYPTORA_STB_INCLUDE_DIR OR NOT GLYPTORA_STB_LIBRARY)
 endif()
 
 add_library(glyptora_tools_support STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/alpha_coverage.cpp
   ${CMAKE_CURRENT_LIST_DIR}/block_decode.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/container_read.cpp
   ${CMAKE_CURRENT_LIST_DIR}/containers.cpp
   ${CMAKE_CURRENT_LIST_DIR}/formats.cpp
   ${CMAKE_CURRENT_LIST_DIR}/image_io.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/image_write.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ktx2_zstd.cpp
   ${CMAKE_CURRENT_LIST_DIR}/mip_chain.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/normal_maps.cpp
   ${CMAKE_CURRENT_LIST_DIR}/output_file.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/quality_metrics.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/premultiplied_alpha.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/quality_metrics.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/texture_decode.cpp)
 target_include_directories(glyptora_tools_support PUBLIC ${CMAKE_SOURCE_DIR} ${GLYPTORA_STB_INCLUDE_DIR})
 # The block decoders come from the core library.
 target_link_libraries(glyptora_tools_support PUBLIC glyptora_core ${GLYPTORA_STB_LIBRARY})
@@ -24,10 +31,24 @@ if(OpenEXR_FOUND)
   target_link_libraries(glyptora_tools_support PRIVATE OpenEXR::OpenEXR)
   target_compile_definitions(glyptora_tools_support PRIVATE GLYPTORA_TOOLS_HAVE_OPENEXR=1)
 else()
-  message(WARNING "OpenEXR (libopenexr-dev) not found: the glyptora tool reads no EXR images")
+  message(WARNING "OpenEXR (libopenexr-dev) not found: the glyptora tool reads and writes no EXR images")
+endif()
+# Zstandard supercompression of KTX2 files (libzstd-dev).
+find_path(GLYPTORA_ZSTD_INCLUDE_DIR zstd.h)
+find_library(GLYPTORA_ZSTD_LIBRARY zstd)
+if(GLYPTORA_ZSTD_INCLUDE_DIR AND GLYPTORA_ZSTD_LIBRARY)
+  target_include_directories(glyptora_tools_support PRIVATE ${GLYPTORA_ZSTD_INCLUDE_DIR})
+  target_link_libraries(glyptora_tools_support PRIVATE ${GLYPTORA_ZSTD_LIBRARY})
+  target_compile_definitions(glyptora_tools_support PRIVATE GLYPTORA_TOOLS_HAVE_ZSTD=1)
+else()
+  message(WARNING "libzstd (libzstd-dev) not found: the glyptora tool reads and writes no Zstandard KTX2 files")
 endif()
 
-add_executable(glyptora_cli ${CMAKE_CURRENT_LIST_DIR}/glyptora_main.cpp)
+add_executable(glyptora_cli
+  ${CMAKE_CURRENT_LIST_DIR}/glyptora_main.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/command_line.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/decompress_command.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/info_command.cpp)
 set_target_properties(glyptora_cli PROPERTIES OUTPUT_NAME glyptora)
 # GlyptoraConvert from the shared library; decoders and helpers from the support code.
 target_link_libraries(glyptora_cli PRIVATE glyptora glyptora_tools_support)

@@ -33,8 +33,6 @@ bool Image::hasAlpha() const {
     return false;
 }
 
-namespace {
-
 bool readWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::string& error) {
     struct stat info;
     if (::stat(path.c_str(), &info) != 0) {
@@ -76,6 +74,8 @@ bool readWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::st
     }
     return true;
 }
+
+namespace {
 
 bool startsWith(const std::vector<uint8_t>& b, const char* magic, size_t n) {
     return b.size() >= n && std::memcmp(b.data(), magic, n) == 0;

@@ -31,4 +31,8 @@ struct ImageLimits {
 // Reads `path`. On failure returns false and sets `error` to one short reason (one line).
 bool loadImage(const std::string& path, Image& image, std::string& error, const ImageLimits& limits = {});
 
+// Reads a whole regular file of less than 2 GiB; false with a one-line reason (missing, not
+// a regular file, empty, too large, unreadable).
+bool readWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::string& error);
+
 }  // namespace glyptora_tools
