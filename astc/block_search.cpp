@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "astc/colour_statistics.h"
+#include "astc/content_endpoints.h"
 #include "astc/endpoint_encoding.h"
 #include "astc/fit_models.h"
 #include "astc/integer_sequence.h"
@@ -17,14 +18,6 @@
 namespace glyptora_astc {
 
 using glyptora_simd::Vec4f;
-
-// One mode's quantised weights: ISE values and 0..64 values per grid point, and per texel
-// the infilled weight / 64, for each plane.
-struct AstcBlockSearch::Trial {
-    uint8_t ise[2][64];
-    alignas(16) float grid[2][64];  // 0..64; past the points: 0
-    alignas(16) float texel[2][kAstcMaxTexels];
-};
 
 void astcFitGrid(const AstcGridInfill& grid, int texels, const float* u, float* out) {
     if (grid.identity) {
@@ -131,19 +124,9 @@ void AstcBlockSearch::idealWeights(int channel) {
 
 bool AstcBlockSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill& grid, const float* grid1,
                               const float* grid2, int channel, const AstcSearchSettings& settings,
-                              AstcSearchResult& best, Trial& trial) const {
+                              AstcSearchResult& best, AstcWeightTrial& trial) const {
     const int planes = channel >= 0 ? 2 : 1;
-    const AstcWeightQuantizer& quantize = astcWeightQuantizer(info.mode.weightRange);
-    for (int plane = 0; plane < planes; ++plane) {
-        const float* g = plane == 0 ? grid1 : grid2;
-        for (int p = 0; p < grid.points; ++p) {
-            const AstcQuantizedWeight q = quantize(g[p]);
-            trial.ise[plane][p] = q.iseValue;
-            trial.grid[plane][p] = q.weight;
-        }
-        for (int p = grid.points; p < ((grid.points + 3) & ~3); ++p) trial.grid[plane][p] = 0.0f;
-        astcInfillWeights(grid, m_texels.texels, trial.grid[plane], trial.texel[plane]);
-    }
+    astcQuantizeTrial(grid, info.mode.weightRange, m_texels.texels, planes, grid1, grid2, trial);
     const AstcWeightMoments m1 = astcWeightMoments(m_texels.valid, trial.texel[0], m_centred, m_texels.padded);
     AstcChannelModels models;
     models.s = Vec4f::load(m_sumSquares);
@@ -230,6 +213,7 @@ bool AstcBlockSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill& gr
     content.colourRange = winnerRange;
     content.planeTwoComponent = channel >= 0 ? channel : 0;
     std::memcpy(content.colourValues, enc.values, sizeof enc.values);
+    const AstcWeightQuantizer& quantize = astcWeightQuantizer(info.mode.weightRange);
     for (int p = 0; p < grid.points; ++p)
         for (int plane = 0; plane < planes; ++plane) {
             const uint8_t v = trial.ise[plane][p];
@@ -241,11 +225,9 @@ bool AstcBlockSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill& gr
 // Per-texel weights that put each texel nearest to its colour on the segment between the
 // decoded endpoints of `best` (plane 1: all channels but `channel`; plane 2: `channel`).
 void AstcBlockSearch::refitWeights(const AstcSearchResult& best, int channel, float* u1, float* u2) const {
-    uint8_t unquantised[8], e0[4], e1[4];
-    const AstcBlockContent& content = best.content;
-    for (int i = 0; i < astcEndpointValueCount(content.cem[0]); ++i)
-        unquantised[i] = astcColourUnquant(content.colourRange, content.colourValues[i]);
-    decodeAstcEndpoints(content.cem[0], unquantised, e0, e1);
+    uint8_t endpoints[2][4][4] = {};
+    astcContentEndpoints(best.content, endpoints[0], endpoints[1]);
+    const uint8_t *e0 = endpoints[0][0], *e1 = endpoints[1][0];
     float a[4], d[4], length = 0.0f;
     for (int c = 0; c < 4; ++c) {
         const float scale = m_weights[c] / 255.0f;
@@ -327,7 +309,7 @@ int AstcBlockSearch::selectByEstimate(const std::vector<AstcModeGroup>& groups, 
 void AstcBlockSearch::search(const std::vector<AstcModeGroup>& groups, int channel, const AstcSearchSettings& settings,
                              AstcSearchResult& best) {
     idealWeights(channel);
-    Trial trial;
+    AstcWeightTrial trial;
     float grid1[64], grid2[64];
     const AstcModeInfo* winner = nullptr;
     const AstcGridInfill* winnerGrid = nullptr;

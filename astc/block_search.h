@@ -9,6 +9,7 @@
 #include "astc/block_layout.h"
 #include "astc/block_state.h"
 #include "astc/block_texels.h"
+#include "astc/fit_models.h"
 #include "astc/mode_groups.h"
 
 namespace glyptora_astc {
@@ -49,14 +50,13 @@ public:
                    AstcSearchResult& best);
 
 private:
-    struct Trial;
     void search(const std::vector<AstcModeGroup>& groups, int channel, const AstcSearchSettings& settings,
                 AstcSearchResult& best);
     void idealWeights(int channel);
     int selectByEstimate(const std::vector<AstcModeGroup>& groups, int channel, int keep, const AstcModeInfo** modes,
                          const AstcGridInfill** grids) const;
     bool tryMode(const AstcModeInfo& info, const AstcGridInfill& grid, const float* grid1, const float* grid2,
-                 int channel, const AstcSearchSettings& settings, AstcSearchResult& best, Trial& trial) const;
+                 int channel, const AstcSearchSettings& settings, AstcSearchResult& best, AstcWeightTrial& trial) const;
     void refitWeights(const AstcSearchResult& best, int channel, float* u1, float* u2) const;
 
     const AstcBlockTexels& m_texels;

@@ -4,6 +4,7 @@
 // an endpoint pair and lower bounds of what each endpoint mode can reach.
 #include "astc/block_texels.h"
 #include "astc/infill_database.h"
+#include "astc/weight_quantization.h"
 #include "core/vec4.h"
 
 namespace glyptora_astc {
@@ -29,6 +30,31 @@ inline void astcInfillWeights(const AstcGridInfill& g, int texels, const float* 
             sum += w * Vec4f::load(factor + k * padded + i);
         }
         (glyptora_simd::floor(sum * Vec4f(1.0f / 16.0f)) * Vec4f(kScale)).store(out + i);
+    }
+}
+
+// One mode's quantised weights: ISE values and 0..64 values per grid point, and per texel
+// the infilled weight / 64, for each plane.
+struct AstcWeightTrial {
+    uint8_t ise[2][64];
+    alignas(16) float grid[2][64];  // 0..64; past the points: 0
+    alignas(16) float texel[2][kAstcMaxTexels];
+};
+
+// Quantises the grid weights `grid1` (and `grid2` for two planes), fractions of one, to
+// `weightRange` and infills them to the texels.
+inline void astcQuantizeTrial(const AstcGridInfill& grid, int weightRange, int texels, int planes, const float* grid1,
+                              const float* grid2, AstcWeightTrial& trial) {
+    const AstcWeightQuantizer& quantize = astcWeightQuantizer(weightRange);
+    for (int plane = 0; plane < planes; ++plane) {
+        const float* g = plane == 0 ? grid1 : grid2;
+        for (int p = 0; p < grid.points; ++p) {
+            const AstcQuantizedWeight q = quantize(g[p]);
+            trial.ise[plane][p] = q.iseValue;
+            trial.grid[plane][p] = q.weight;
+        }
+        for (int p = grid.points; p < ((grid.points + 3) & ~3); ++p) trial.grid[plane][p] = 0.0f;
+        astcInfillWeights(grid, texels, trial.grid[plane], trial.texel[plane]);
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "astc/block_layout.h"
 #include "astc/colour_statistics.h"
+#include "astc/content_endpoints.h"
 #include "astc/endpoint_encoding.h"
 #include "astc/fit_models.h"
 #include "astc/quantization_tables.h"
@@ -14,12 +15,6 @@
 #include "astc/weight_spectrum.h"
 
 namespace glyptora_astc {
-
-struct AstcPartitionSearch::Trial {
-    uint8_t ise[2][64];
-    alignas(16) float grid[2][64];
-    alignas(16) float texel[2][kAstcMaxTexels];
-};
 
 namespace {
 
@@ -125,19 +120,9 @@ void AstcPartitionSearch::idealWeights(int channel) {
 
 bool AstcPartitionSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill& grid, const float* grid1,
                                   const float* grid2, int channel, const AstcSearchSettings& settings,
-                                  AstcSearchResult& best, Trial& trial) const {
+                                  AstcSearchResult& best, AstcWeightTrial& trial) const {
     const int planes = channel >= 0 ? 2 : 1;
-    const AstcWeightQuantizer& quantize = astcWeightQuantizer(info.mode.weightRange);
-    for (int plane = 0; plane < planes; ++plane) {
-        const float* g = plane == 0 ? grid1 : grid2;
-        for (int p = 0; p < grid.points; ++p) {
-            const AstcQuantizedWeight q = quantize(g[p]);
-            trial.ise[plane][p] = q.iseValue;
-            trial.grid[plane][p] = q.weight;
-        }
-        for (int p = grid.points; p < ((grid.points + 3) & ~3); ++p) trial.grid[plane][p] = 0.0f;
-        astcInfillWeights(grid, m_texels.texels, trial.grid[plane], trial.texel[plane]);
-    }
+    astcQuantizeTrial(grid, info.mode.weightRange, m_texels.texels, planes, grid1, grid2, trial);
     float lane[4] = {0, 0, 0, 0};
     if (channel >= 0) lane[channel] = 1.0f;
     const Vec4f planeTwo = glyptora_simd::cmpGreater(Vec4f::load(lane), Vec4f());
@@ -274,13 +259,10 @@ bool AstcPartitionSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill
 void AstcPartitionSearch::refitWeights(const AstcSearchResult& best, int channel, float* u1, float* u2) const {
     const AstcBlockContent& content = best.content;
     float from[4][4], dir[4][4], inverse[4], inverse2[4];
-    for (int p = 0, at = 0; p < m_count; ++p) {
-        const int values = astcEndpointValueCount(content.cem[p]);
-        uint8_t unquantised[8] = {}, a[4] = {}, b[4] = {};
-        for (int i = 0; i < values; ++i)
-            unquantised[i] = astcColourUnquant(content.colourRange, content.colourValues[at + i]);
-        at += values;
-        decodeAstcEndpoints(content.cem[p], unquantised, a, b);
+    uint8_t endpoints[2][4][4] = {};
+    astcContentEndpoints(content, endpoints[0], endpoints[1]);
+    for (int p = 0; p < m_count; ++p) {
+        const uint8_t *a = endpoints[0][p], *b = endpoints[1][p];
         float length = 0.0f;
         for (int c = 0; c < 4; ++c) {
             const float scale = m_weights[c] / 255.0f;
@@ -363,7 +345,7 @@ void AstcPartitionSearch::search(const std::vector<AstcModeGroup>& groups, int c
     const AstcGridInfill* grids[kMaxKeep];
     const int keep = std::clamp(settings.fullFits, 1, kMaxKeep);
     const int count = selectByEstimate(groups, channel, settings, keep, modes, grids);
-    Trial trial;
+    AstcWeightTrial trial;
     // Each grid is fitted once, however many of the kept modes use it.
     const AstcGridInfill* fitted[kMaxKeep];
     alignas(16) float fits[kMaxKeep][2][64];

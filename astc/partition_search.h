@@ -8,6 +8,7 @@
 
 #include "astc/block_search.h"
 #include "astc/block_texels.h"
+#include "astc/fit_models.h"
 #include "astc/mode_groups.h"
 #include "astc/partition_table.h"
 
@@ -24,12 +25,11 @@ public:
                 AstcSearchResult& best);
 
 private:
-    struct Trial;
     void idealWeights(int channel);
     int selectByEstimate(const std::vector<AstcModeGroup>& groups, int channel, const AstcSearchSettings& settings,
                          int keep, const AstcModeInfo** modes, const AstcGridInfill** grids) const;
     bool tryMode(const AstcModeInfo& info, const AstcGridInfill& grid, const float* grid1, const float* grid2,
-                 int channel, const AstcSearchSettings& settings, AstcSearchResult& best, Trial& trial) const;
+                 int channel, const AstcSearchSettings& settings, AstcSearchResult& best, AstcWeightTrial& trial) const;
     void refitWeights(const AstcSearchResult& best, int channel, float* u1, float* u2) const;
 
     const AstcBlockTexels& m_texels;

@@ -1,7 +1,6 @@
 #include "astc/weight_polish.h"
 
-#include "astc/endpoint_decoding.h"
-#include "astc/quantization_tables.h"
+#include "astc/content_endpoints.h"
 #include "astc/weight_quantization.h"
 
 namespace glyptora_astc {
@@ -48,18 +47,13 @@ float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& gri
     Polish s{texels, grid, 1, -1, {}, {}};
     s.planes = content.mode.dualPlane ? 2 : 1;
     s.channel = content.mode.dualPlane ? content.planeTwoComponent : -1;
-    for (int p = 0, at = 0; p < content.partitionCount; ++p) {
-        const int values = astcEndpointValueCount(content.cem[p]);
-        uint8_t unquantised[8] = {}, a[4] = {}, b[4] = {};
-        for (int i = 0; i < values; ++i)
-            unquantised[i] = astcColourUnquant(content.colourRange, content.colourValues[at + i]);
-        at += values;
-        decodeAstcEndpoints(content.cem[p], unquantised, a, b);
+    uint8_t endpoints[2][4][4] = {};
+    astcContentEndpoints(content, endpoints[0], endpoints[1]);
+    for (int p = 0; p < content.partitionCount; ++p)
         for (int c = 0; c < 4; ++c) {
-            s.from[p][c] = float(a[c]) * weights[c] / 255.0f;
-            s.to[p][c] = float(b[c]) * weights[c] / 255.0f;
+            s.from[p][c] = float(endpoints[0][p][c]) * weights[c] / 255.0f;
+            s.to[p][c] = float(endpoints[1][p][c]) * weights[c] / 255.0f;
         }
-    }
     if (partitionOf)
         for (int t = 0; t < texels.texels; ++t) s.partition[t] = partitionOf[t];
     const AstcWeightQuantizer& quantizer = astcWeightQuantizer(content.mode.weightRange);
