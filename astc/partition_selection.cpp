@@ -3,13 +3,16 @@
 #include <algorithm>
 
 #include "astc/dual_plane_choice.h"
+#include "core/vec4.h"
 
 namespace glyptora_astc {
 
 namespace {
 
+using glyptora_simd::Vec4f;
+
 constexpr int kKMeansRounds = 4;
-constexpr int kMaxShortlist = 16;
+constexpr int kMaxShortlist = 32;
 
 float distance2(const AstcBlockTexels& t, int i, const float* centre) {
     float d = 0.0f;
@@ -155,27 +158,66 @@ int shortlist(const AstcPartitionTable& table, const ClusterScan& scan, int size
                     : shortlistPatterns<PortableBitCount>(table, scan, size, listed);
 }
 
+// Per valid texel the sums a partition's covariance is made of: 1, the four channels and
+// their ten products; an invalid texel adds nothing.
+struct TexelMoments {
+    Vec4f m[4][kAstcMaxTexels];  // lanes: {1, r, g, b}, {a, rr, rg, rb}, {ra, gg, gb, ga}, {bb, ba, aa, 0}
+};
+
+void texelMoments(const AstcBlockTexels& t, TexelMoments& out) {
+    for (int i = 0; i < t.texels; ++i) {
+        const float v = t.valid[i], r = t.channel[0][i], g = t.channel[1][i], b = t.channel[2][i],
+                    a = t.channel[3][i];
+        out.m[0][i] = Vec4f(1.0f, r, g, b) * Vec4f(v);
+        out.m[1][i] = Vec4f(a, r * r, r * g, r * b) * Vec4f(v);
+        out.m[2][i] = Vec4f(r * a, g * g, g * b, g * a) * Vec4f(v);
+        out.m[3][i] = Vec4f(b * b, b * a, a * a, 0.0f) * Vec4f(v);
+    }
+}
+
+// What one line through colours of covariance `cov` leaves unexplained: the trace less the
+// largest eigenvalue, here the Rayleigh quotient after a few rounds of power iteration (enough
+// to rank patterns, and cheap enough to rank many).
+float quickLineResidual(const float cov[4][4]) {
+    const float trace = cov[0][0] + cov[1][1] + cov[2][2] + cov[3][3];
+    if (!(trace > 0.0f)) return 0.0f;
+    int start = 0;
+    for (int c = 1; c < 4; ++c)
+        if (cov[c][c] > cov[start][start]) start = c;
+    const Vec4f c0 = Vec4f::load(cov[0]), c1 = Vec4f::load(cov[1]), c2 = Vec4f::load(cov[2]), c3 = Vec4f::load(cov[3]);
+    const auto times = [&](Vec4f v) {
+        return c0 * v.splat<0>() + c1 * v.splat<1>() + c2 * v.splat<2>() + c3 * v.splat<3>();
+    };
+    const Vec4f scale(1.0f / trace);  // keeps the iterates near unit size
+    Vec4f v = Vec4f::load(cov[start]) * scale;
+    for (int round = 0; round < 3; ++round) v = times(v) * scale;
+    const float vv = glyptora_simd::dot4(v, v);
+    if (!(vv > 0.0f)) return trace;
+    const float residual = trace - glyptora_simd::dot4(v, times(v)) / vv;
+    return residual > 0.0f ? residual : 0.0f;
+}
+
 // What one line per partition leaves of the valid texels' colours (sum over texels).
-float lineResidual(const AstcBlockTexels& t, const AstcPartitionPattern& pattern, int k) {
+float lineResidual(const AstcBlockTexels& t, const TexelMoments& moments, const AstcPartitionPattern& pattern, int k) {
+    Vec4f sum[4][4];
+    for (int i = 0; i < t.texels; ++i) {
+        Vec4f* s = sum[pattern.partitionOf[i]];
+        for (int j = 0; j < 4; ++j) s[j] += moments.m[j][i];
+    }
     float total = 0.0f;
     for (int p = 0; p < k; ++p) {
-        float mean[4] = {}, cov[4][4] = {};
-        int n = 0;
-        for (int i = 0; i < t.texels; ++i)
-            if (t.valid[i] != 0.0f && pattern.partitionOf[i] == p) {
-                ++n;
-                for (int c = 0; c < 4; ++c) mean[c] += t.channel[c][i];
-            }
-        if (n < 2) continue;
-        for (int c = 0; c < 4; ++c) mean[c] /= float(n);
-        for (int i = 0; i < t.texels; ++i)
-            if (t.valid[i] != 0.0f && pattern.partitionOf[i] == p)
-                for (int r = 0; r < 4; ++r)
-                    for (int c = r; c < 4; ++c)
-                        cov[r][c] += (t.channel[r][i] - mean[r]) * (t.channel[c][i] - mean[c]) / float(n);
-        for (int r = 0; r < 4; ++r)
-            for (int c = 0; c < r; ++c) cov[r][c] = cov[c][r];
-        total += float(n) * astcLineResidual(cov);
+        float m[16];
+        for (int j = 0; j < 4; ++j) sum[p][j].store(m + 4 * j);
+        const float n = m[0];
+        if (n < 2.0f) continue;
+        const float inv = 1.0f / n;
+        const float mean[4] = {m[1] * inv, m[2] * inv, m[3] * inv, m[4] * inv};
+        // Products in the order rr, rg, rb, ra, gg, gb, ga, bb, ba, aa.
+        const float products[10] = {m[5], m[6], m[7], m[8], m[9], m[10], m[11], m[12], m[13], m[14]};
+        float cov[4][4];
+        for (int r = 0, q = 0; r < 4; ++r)
+            for (int c = r; c < 4; ++c, ++q) cov[r][c] = cov[c][r] = products[q] * inv - mean[r] * mean[c];
+        total += n * quickLineResidual(cov);
     }
     return total;
 }
@@ -205,10 +247,14 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
         if (fixed) std::copy(order, order + 4, scan.permutations[scan.permutationCount++]);
     }
     const AstcPartitionPattern* listed[kMaxShortlist];
-    const int listedCount = shortlist(table, scan, std::min(kMaxShortlist, 8 + 4 * keep), listed);
+    // Two partitions: many patterns ranked by their residual; more partitions: fewer, since
+    // agreeing with a clustering into more groups already says more.
+    const int listedCount = shortlist(table, scan, k == 2 ? kMaxShortlist : 8 + 4 * keep, listed);
     float residual[kMaxShortlist];
     int rank[kMaxShortlist];
-    for (int j = 0; j < listedCount; ++j) residual[j] = lineResidual(texels, *listed[j], k), rank[j] = j;
+    TexelMoments moments;
+    texelMoments(texels, moments);
+    for (int j = 0; j < listedCount; ++j) residual[j] = lineResidual(texels, moments, *listed[j], k), rank[j] = j;
     std::stable_sort(rank, rank + listedCount, [&](int a, int b) { return residual[a] < residual[b]; });
     const int kept = std::min(keep, listedCount);
     for (int j = 0; j < kept; ++j) out[j] = listed[rank[j]];
