@@ -15,6 +15,13 @@ run_suite() {
 
 echo "== Release build =="
 run_suite "$root/build/release" -DCMAKE_BUILD_TYPE=Release
+echo "== Python package and batch conversion (pytest, on the Release build) =="
+"$root/scripts/install-deps.sh" python3-pytest python3-distributed python3-psutil || true
+if /usr/bin/python3 -c "import pytest, numpy, PIL, distributed, psutil" 2>/dev/null; then
+  GLYPTORA_BUILD_DIR="$root/build/release" /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/python/tests"
+else
+  echo "skipped: pytest, NumPy, Pillow, Dask distributed or psutil missing (python3-pytest, python3-distributed)"
+fi
 echo "== Debug build with AddressSanitizer + UndefinedBehaviorSanitizer =="
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite "$root/build/sanitize" -DCMAKE_BUILD_TYPE=Debug -DGLYPTORA_SANITIZE=ON -DGLYPTORA_ENABLE_CUDA=OFF
