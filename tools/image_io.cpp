@@ -97,6 +97,10 @@ const char* detectKind(const std::vector<uint8_t>& b) {
     if (startsWith(b, "#?RADIANCE", 10) || startsWith(b, "#?RGBE", 6)) return "HDR";
     if (startsWith(b, "\x76\x2f\x31\x01", 4)) return "EXR";
     if (startsWith(b, "GIF8", 4)) return "GIF";
+    // Kinds the packaged decoder would take but the command does not read: its 16-bit PNM
+    // path reads past its own buffer.
+    if (startsWith(b, "P5", 2) || startsWith(b, "P6", 2)) return "PNM";
+    if (startsWith(b, "\x53\x80\xf6\x34", 4)) return "PIC";
     return "TGA";  // TGA has no signature; the decoder's own checks decide
 }
 
@@ -339,6 +343,10 @@ bool loadImage(const std::string& path, Image& image, std::string& error, const 
     std::vector<uint8_t> bytes;
     if (!readWholeFile(path, bytes, error)) return false;
     const char* kind = detectKind(bytes);
+    if (std::strcmp(kind, "PNM") == 0 || std::strcmp(kind, "PIC") == 0) {
+        error = std::string("not a supported image (PNG, JPEG, TGA, BMP, PSD, HDR, EXR): ") + kind + " files are not read";
+        return false;
+    }
     if (std::strcmp(kind, "EXR") == 0) {
         bytes = std::vector<uint8_t>();
         return loadExr(path, limits, image, error);
