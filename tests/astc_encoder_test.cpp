@@ -34,6 +34,7 @@
 #include "astc/endpoint_encoding.h"
 #include "astc/integer_sequence.h"
 #include "astc/partition_hash.h"
+#include "astc/partition_selection.h"
 #include "astc/partition_table.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
@@ -394,6 +395,27 @@ TEST(AstcPartitionTable, PatternsMatchTheReferenceDecoder) {
 
 // The filters of the high encoder: a uniform block leaves every error-filtered list after the
 // first pass, a block of two unrelated colour ramps gets two partitions and the mark 2.
+// A 4x4 block of a photograph (skin beside a white collar) whose best two partitions are its
+// left and right halves, each a line through colour space; clustering the colours splits it
+// light against dark instead. The first partitioning chosen must be the halves.
+TEST(AstcPartitionSelection, PicksTheHalvesThatAreLines) {
+    const uint8_t rgb[16][3] = {{212, 194, 181}, {157, 82, 43}, {193, 83, 49},  {203, 93, 53},
+                                {224, 213, 206}, {166, 103, 71}, {178, 83, 50}, {166, 63, 22},
+                                {227, 220, 218}, {173, 122, 100}, {148, 54, 24}, {133, 33, 6},
+                                {162, 115, 110}, {142, 59, 22}, {128, 31, 6},  {108, 15, 8}};
+    const float weights[4] = {1, 1, 1, 1};
+    float rgba[16 * 4];
+    for (int i = 0; i < 16; ++i)
+        for (int c = 0; c < 4; ++c) rgba[i * 4 + c] = c < 3 ? rgb[i][c] / 255.0f : 1.0f;
+    AstcBlockTexels texels;
+    astcLoadBlockTexels(rgba, 4, 4, 4 | 4 << 8, weights, false, texels);
+    const AstcPartitionTable table(4, 4);
+    const AstcPartitionPattern* chosen[1];
+    ASSERT_EQ(astcSelectPartitionings(texels, table, 2, 1, chosen), 1);
+    for (int i = 0; i < 16; ++i)
+        EXPECT_EQ(chosen[0]->partitionOf[i] == chosen[0]->partitionOf[0], i % 4 < 2) << "texel " << i;
+}
+
 TEST(AstcHighLevels, UniformBlocksLeaveTheListsAndTwoRampsTakeTwoPartitions) {
     for (const int level : {2, 3}) {
         const AstcFootprint f{6, 6};
