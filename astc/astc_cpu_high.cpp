@@ -105,7 +105,8 @@ void astc_cpu_high::partitionPass(const std::vector<uint32_t>& blocks, int parti
         // Hard blocks (error above the second threshold) try the wider set of partitionings.
         const int width = wide && state.bestError > m_thresholds[1] ? m_widths[1] : m_widths[0];
         const AstcPartitionPattern* candidates[8];
-        const int count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates);
+        // Level 3 ranks every pattern where that is affordable; level 2 keeps to its shortlist.
+        const int count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates, m_level == 3);
         const AstcSearchSettings settings = highSettings(texels.hasAlpha, fits, effort.refineRounds);
         AstcSearchResult result;
         result.error = state.bestError;

@@ -247,9 +247,8 @@ float lineResidual(const AstcBlockTexels& t, const TexelMoments& moments, const 
     return total;
 }
 
-// Footprints up to this many texels (4x4, 5x4) rank every distinct two-partition pattern by its
-// residual, which picks better than the clustering there (+0.06 dB at 4x4 for about a third
-// more time); larger ones rank a shortlist of the patterns that agree best with a clustering.
+// Footprints up to this many texels may rank every distinct two-partition pattern; on larger
+// ones that gains little over the shortlist.
 constexpr int kEveryPatternTexels = 20;
 
 // Ranks every distinct two-partition pattern by what one line per partition leaves; writes
@@ -297,13 +296,13 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
 }  // namespace
 
 int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTable& table, int partitionCount,
-                            int keep, const AstcPartitionPattern** out) {
+                            int keep, const AstcPartitionPattern** out, bool rankEveryPattern) {
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(partitionCount);
     keep = std::min(keep, 8);
     if (keep <= 0 || patterns.empty() || texels.validCount < partitionCount) return 0;
     TexelMoments moments;
     texelMoments(texels, moments);
-    if (partitionCount == 2 && texels.texels <= kEveryPatternTexels)
+    if (rankEveryPattern && partitionCount == 2 && texels.texels <= kEveryPatternTexels)
         return rankEveryTwoPartitionPattern(texels, table, moments, keep, out);
     ClusterScan scan;
     const int k = scan.k = partitionCount;

