@@ -19,6 +19,8 @@ namespace {
 // two-partition dual-plane pass (4x4 alone).
 constexpr int kFourPartitionArea = 36;
 constexpr int kTwoPartitionDualPlaneArea = 20;
+constexpr int kWideFitsAreaLevel2 = 64;
+constexpr int kLevel2WideFits = 24;
 
 // Full fits per search and weight refits of the winner, by level (2, 3): single plane, one
 // partitioning, dual plane.
@@ -78,9 +80,11 @@ void astc_cpu_high::singlePlanePass() {
     const AstcEncoderInput& in = *m_context.input;
     const std::vector<AstcModeGroup> groups = passGroups(AstcPass::HighSinglePlane, m_footprint, m_infill);
     const HighEffort& effort = kHighEffort[m_level - 2];
-    // Level 3 fits every single-plane mode from 6x6 up: the ranking misses there more often,
-    // and those footprints have the time to spare.
-    const int fits = m_level == 3 && in.blockWidth * in.blockHeight >= kFourPartitionArea ? 0 : effort.singleFits;
+    // The ranking misses more often on large footprints, and they have time to spare: level 3
+    // fits every single-plane mode from 6x6 up, level 2 the best 24 from 8x8 up.
+    const int area = in.blockWidth * in.blockHeight;
+    const bool wide = m_level == 3 ? area >= kFourPartitionArea : area >= kWideFitsAreaLevel2;
+    const int fits = wide ? (m_level == 3 ? 0 : kLevel2WideFits) : effort.singleFits;
     astcForBlocks(in, astc_cpu_level1::blocksWithError(m_context, false),
                   [&](uint32_t block, const AstcBlockTexels& texels) {
                       AstcBlockState& state = m_context.states[block];

@@ -19,6 +19,9 @@ namespace glyptora_astc {
 
 using glyptora_simd::Vec4f;
 
+// The most modes a ranked search fits in full.
+constexpr int kMaxFullFits = 32;
+
 void astcFitGrid(const AstcGridInfill& grid, int texels, const float* u, float* out) {
     if (grid.identity) {
         std::memcpy(out, u, sizeof(float) * size_t(texels));
@@ -279,8 +282,7 @@ int AstcBlockSearch::selectByEstimate(const std::vector<AstcModeGroup>& groups, 
     for (int c = 0; c < 3 + alpha; ++c) weightSum += m_weights[c] * m_weights[c];
     const float colourNoise = weightSum * n;
 
-    constexpr int kMaxKeep = 8;
-    float kept[kMaxKeep];
+    float kept[kMaxFullFits];
     int count = 0;
     for (const AstcModeGroup& group : groups) {
         const AstcGridInfill& grid = *group.grid;
@@ -316,14 +318,13 @@ void AstcBlockSearch::search(const std::vector<AstcModeGroup>& groups, int chann
     size_t total = 0;
     for (const AstcModeGroup& group : groups) total += group.modes.size();
     if (settings.fullFits > 0 && size_t(settings.fullFits) < total) {
-        constexpr int kMaxKeep = 8;
-        const AstcModeInfo* modes[kMaxKeep];
-        const AstcGridInfill* grids[kMaxKeep];
-        const int count = selectByEstimate(groups, channel, settings.fullFits < kMaxKeep ? settings.fullFits : kMaxKeep,
+        const AstcModeInfo* modes[kMaxFullFits];
+        const AstcGridInfill* grids[kMaxFullFits];
+        const int count = selectByEstimate(groups, channel, settings.fullFits < kMaxFullFits ? settings.fullFits : kMaxFullFits,
                                            modes, grids);
         // Each grid is fitted once, however many of the kept modes use it.
-        const AstcGridInfill* fitted[kMaxKeep];
-        float fits[kMaxKeep][2][64];
+        const AstcGridInfill* fitted[kMaxFullFits];
+        float fits[kMaxFullFits][2][64];
         int fittedCount = 0;
         for (int k = 0; k < count; ++k) {
             int slot = 0;
