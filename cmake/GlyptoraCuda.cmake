@@ -1,9 +1,10 @@
 # Compiles gpu/*.cu into one CUDA fat binary and embeds it in the core library.
 #
 # The library never links the CUDA runtime or driver: the driver is loaded at run time
-# (gpu/dynamic_library_linux.cpp) and the kernels are loaded from the embedded fat binary
-# with cuModuleLoadData. Without nvcc (or with GLYPTORA_ENABLE_CUDA=OFF, or in sanitizer
-# builds) the library still builds; GPU encoding then reports itself unavailable.
+# (gpu/dynamic_library_*.cpp) and the kernels are loaded from the embedded fat binary with
+# cuModuleLoadData; the fat binary is the same for Linux and Windows builds. Without nvcc (or
+# with GLYPTORA_ENABLE_CUDA=OFF, or in sanitizer builds) the library still builds; GPU
+# encoding then reports itself unavailable.
 #
 # The fat binary holds SASS for every architecture in GLYPTORA_CUDA_ARCHITECTURES and PTX
 # for the newest of them, so that later GPUs compile it at load time.
@@ -49,16 +50,25 @@ if(GLYPTORA_HAVE_CUDA_KERNELS)
   # Device code is compiled without contracting multiply-adds so that the shared block
   # functions round as they do on the CPU.
   set(fatbin ${kernel_dir}/glyptora_kernels.fatbin)
-  add_custom_command(
-    OUTPUT ${fatbin}
-    COMMAND ${GLYPTORA_NVCC} --fatbin -std=c++20 -O3 --fmad=false --threads ${GLYPTORA_NVCC_THREADS}
-            -I${CMAKE_SOURCE_DIR} ${gencode_flags}
-            -MD -MF ${kernel_dir}/glyptora_kernels.d -MT ${fatbin}
-            -o ${fatbin} ${kernel_dir}/glyptora_kernels.cu
-    DEPENDS ${GLYPTORA_CUDA_SOURCES} ${kernel_dir}/glyptora_kernels.cu
-    DEPFILE ${kernel_dir}/glyptora_kernels.d
-    COMMENT "Compiling the GPU kernels into a fat binary (${GLYPTORA_CUDA_ARCHITECTURES})"
-    VERBATIM)
+  # A build of the same sources for another host (the Linux build, for the Windows cross
+  # build) has made this very file already: it may be embedded instead of compiled again.
+  set(GLYPTORA_CUDA_FATBIN "" CACHE FILEPATH "Fat binary of these gpu/*.cu sources, compiled already, to embed")
+  if(GLYPTORA_CUDA_FATBIN)
+    set(fatbin ${GLYPTORA_CUDA_FATBIN})
+  else()
+    add_custom_command(
+      OUTPUT ${fatbin}
+      COMMAND ${GLYPTORA_NVCC} --fatbin -std=c++20 -O3 --fmad=false --threads ${GLYPTORA_NVCC_THREADS}
+              -I${CMAKE_SOURCE_DIR} ${gencode_flags}
+              -MD -MF ${kernel_dir}/glyptora_kernels.d -MT ${fatbin}
+              -o ${fatbin} ${kernel_dir}/glyptora_kernels.cu
+      DEPENDS ${GLYPTORA_CUDA_SOURCES} ${kernel_dir}/glyptora_kernels.cu
+      DEPFILE ${kernel_dir}/glyptora_kernels.d
+      COMMENT "Compiling the GPU kernels into a fat binary (${GLYPTORA_CUDA_ARCHITECTURES})"
+      VERBATIM)
+  endif()
+
+  set(GLYPTORA_EMBEDDED_FATBIN ${fatbin})  # for the tests
 
   # The fat binary goes into read-only data through the assembler's .incbin.
   set(embed_source ${kernel_dir}/embedded_kernels.cpp)
@@ -66,20 +76,34 @@ if(GLYPTORA_HAVE_CUDA_KERNELS)
 // Generated: the CUDA fat binary of the GPU kernels, embedded in the library.
 #include "gpu/kernel_image.h"
 
+// ELF: hidden symbols in .rodata; PE (Windows DLL): read-only data, not exported, and the
+// COFF assembler returns to .text (it has no .previous).
+#if defined(_WIN32)
+#define GLYPTORA_KERNELS_SECTION "  .section .rdata$glyptora_kernels,\"dr\"\n"
+#define GLYPTORA_KERNELS_HIDE(symbol) ""
+#define GLYPTORA_KERNELS_HIDDEN
+#define GLYPTORA_KERNELS_SECTION_END "  .text\n"
+#else
+#define GLYPTORA_KERNELS_SECTION "  .section .rodata.glyptora_kernels,\"a\",@progbits\n"
+#define GLYPTORA_KERNELS_HIDE(symbol) "  .hidden " symbol "\n"
+#define GLYPTORA_KERNELS_HIDDEN __attribute__((visibility("hidden")))
+#define GLYPTORA_KERNELS_SECTION_END "  .previous\n"
+#endif
+
 __asm__(
-    "  .section .rodata.glyptora_kernels,\"a\",@progbits\n"
+    GLYPTORA_KERNELS_SECTION
     "  .balign 64\n"
     "  .globl glyptora_embedded_kernels_begin\n"
-    "  .hidden glyptora_embedded_kernels_begin\n"
+    GLYPTORA_KERNELS_HIDE("glyptora_embedded_kernels_begin")
     "glyptora_embedded_kernels_begin:\n"
     "  .incbin \"@fatbin@\"\n"
     "  .globl glyptora_embedded_kernels_end\n"
-    "  .hidden glyptora_embedded_kernels_end\n"
+    GLYPTORA_KERNELS_HIDE("glyptora_embedded_kernels_end")
     "glyptora_embedded_kernels_end:\n"
-    "  .previous\n");
+    GLYPTORA_KERNELS_SECTION_END);
 
-extern "C" __attribute__((visibility("hidden"))) const unsigned char glyptora_embedded_kernels_begin[];
-extern "C" __attribute__((visibility("hidden"))) const unsigned char glyptora_embedded_kernels_end[];
+extern "C" GLYPTORA_KERNELS_HIDDEN const unsigned char glyptora_embedded_kernels_begin[];
+extern "C" GLYPTORA_KERNELS_HIDDEN const unsigned char glyptora_embedded_kernels_end[];
 
 namespace glyptora_internal {
 KernelImage embeddedKernelImage() {

@@ -15,8 +15,8 @@ namespace {
 
 std::atomic<AssertHandler*> s_userHandler{nullptr};
 
-// Prints the report and a stack trace; breaks only when a debugger is attached,
-// otherwise lets the program go on (a library must not end its host).
+// Prints the report and a stack trace; breaks when a debugger is attached, otherwise
+// leaves the decision to the platform (askAfterAssertion).
 class DefaultAssertHandler final : public AssertHandler {
 public:
     int assertion(const char* exp, const char* file, int line, const char* func, const char* msg,
@@ -25,7 +25,7 @@ public:
         formatAssertionReport(report, exp, file, line, func, msg, args);
         diagnosticPrint("%s", report.str());
         printStackTrace(1);
-        return isDebuggerAttached() ? 1 : 2;
+        return isDebuggerAttached() ? 1 : askAfterAssertion(report.str());
     }
 };
 
@@ -40,8 +40,9 @@ AssertHandler* setAssertHandler(AssertHandler* handler) { return s_userHandler.e
 AssertHandler* userAssertHandler() { return s_userHandler.load(); }
 
 const char* assertionFileName(const char* path, char* buffer, int bufferSize) {
-    const char* base = std::strrchr(path, '/');
-    base = base ? base + 1 : path;
+    const char* base = path;
+    for (const char* p = path; *p; ++p)
+        if (*p == '/' || *p == '\\') base = p + 1;  // either separator, for Windows paths
     const char* dot = std::strchr(base, '.');
     int n = dot ? int(dot - base) : int(std::strlen(base));
     if (n >= bufferSize) n = bufferSize - 1;

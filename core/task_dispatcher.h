@@ -20,7 +20,18 @@ struct TaskFunctor {
 class TaskDispatcher {
 public:
     virtual ~TaskDispatcher() = default;
-    virtual void dispatch(TaskFunction function, void* context, int count) = 0;
+    void dispatch(TaskFunction function, void* context, int count) {
+        if (count <= 0) return;
+        if (count == 1) {
+            function(context, 0);
+            return;
+        }
+        dispatchMany(function, context, count);
+    }
+
+protected:
+    // The platform's scheduler (oneTBB, the Windows thread pool) for a count of 2 or more.
+    virtual void dispatchMany(TaskFunction function, void* context, int count) = 0;
 };
 
 // The process-wide default dispatcher (created once, thread-safe).

@@ -11,13 +11,8 @@ namespace {
 // oneTBB's parallel_for with the auto partitioner: the range is split across the
 // worker threads and idle workers steal sub-ranges.
 class TbbTaskDispatcher final : public TaskDispatcher {
-public:
-    void dispatch(TaskFunction function, void* context, int count) override {
-        if (count <= 0) return;
-        if (count == 1) {
-            function(context, 0);
-            return;
-        }
+protected:
+    void dispatchMany(TaskFunction function, void* context, int count) override {
         tbb::parallel_for(
             tbb::blocked_range<int>(0, count),
             [function, context](const tbb::blocked_range<int>& range) {

@@ -27,8 +27,8 @@ GLYPTORA_API uint32_t GlyptoraIsGpuEncodingAvailable(void) {
     }
 }
 
-// Runs this library as the user's conversion server; the glyptora-server launcher calls it in
-// a detached process of its own and the process ends when it returns.
+// Runs this library as the user's conversion server; the glyptora-server launcher (on Windows
+// rundll32.exe) calls it in a detached process of its own and the process ends when it returns.
 GLYPTORA_API void ServerMain(void) {
     try {
         glyptora_internal::runConversionServer();

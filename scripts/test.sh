@@ -22,6 +22,13 @@ if /usr/bin/python3 -c "import pytest, numpy, PIL, distributed, psutil" 2>/dev/n
 else
   echo "skipped: pytest, NumPy, Pillow, Dask distributed or psutil missing (python3-pytest, python3-distributed)"
 fi
+echo "== Glyptora.dll: Windows cross build (mingw-w64), its tests under wine =="
+"$root/scripts/install-deps.sh" g++-mingw-w64-x86-64-posix wine64 || true
+if command -v x86_64-w64-mingw32-g++-posix >/dev/null 2>&1 && [ -x /usr/lib/wine/wine64 ]; then
+  GLYPTORA_LINUX_BUILD="$root/build/release" "$root/scripts/test-windows.sh"
+else
+  echo "skipped: mingw-w64 or wine missing (g++-mingw-w64-x86-64-posix, wine64)"
+fi
 echo "== Debug build with AddressSanitizer + UndefinedBehaviorSanitizer =="
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite "$root/build/sanitize" -DCMAKE_BUILD_TYPE=Debug -DGLYPTORA_SANITIZE=ON -DGLYPTORA_ENABLE_CUDA=OFF

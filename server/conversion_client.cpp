@@ -8,21 +8,19 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "server/message_channel.h"
 #include "server/named_lock.h"
 #include "server/process_control.h"
 #include "server/request_record.h"
 #include "server/server_endpoint.h"
+#include "server/server_start.h"
 #include "server/shared_section.h"
 
 namespace glyptora_internal {
 
 namespace {
 
-// The launcher executable that runs ServerMain of this library; it lies beside the library.
-constexpr char kServerLauncher[] = "glyptora-server";
 // How long a client waits for a server to start and accept its request.
 constexpr auto kServerPatience = std::chrono::seconds(10);
 constexpr size_t kAnswerBytes = 512;
@@ -30,26 +28,6 @@ constexpr size_t kAnswerBytes = 512;
 void printClientError(const std::string& text) {
     std::fprintf(stderr, "Error: %s\n", text.c_str());
     std::fflush(stderr);
-}
-
-// Starts the server: the launcher beside the module holding this code, given that module
-// when it is the library (a program that links the code statically lets the launcher load
-// the library beside it).
-bool startServer(int& processId, std::string& error) {
-    bool isMainExecutable = false;
-    const std::string module = moduleHoldingThisCode(&isMainExecutable);
-    if (module.empty()) {
-        error = "cannot find the library's own path";
-        return false;
-    }
-    const std::string launcher = module.substr(0, module.rfind('/') + 1) + kServerLauncher;
-    std::vector<std::string> arguments;
-    if (!isMainExecutable) arguments.push_back(module);
-    if (!startDetachedProcess(launcher, arguments, processId, error)) {
-        error = "cannot start " + launcher + ": " + error;
-        return false;
-    }
-    return true;
 }
 
 // Connects to the running server, or starts one and waits for it. Null with the reason in
@@ -60,7 +38,7 @@ std::unique_ptr<MessageConnection> connectOrStartServer(const ServerEndpoint& en
     std::unique_ptr<MessageConnection> connection = connectToServer(endpoint, noServer, error);
     if (connection || !noServer) return connection;
     int serverId = 0;
-    if (!startServer(serverId, error)) return nullptr;
+    if (!startServerProcess(serverId, error)) return nullptr;
     auto pause = std::chrono::microseconds(100);
     for (;;) {
         const bool serverGone = !processIsRunning(serverId);

@@ -47,8 +47,8 @@ void runConversionServer() {
                               [&wakeable] { wakeable.wake(); });
         for (;;) {
             std::unique_ptr<MessageConnection> client = listener->accept();
-            if (watchdog.endRequested()) break;
-            if (!client || !watchdog.beginRequest()) continue;
+            if (!client || watchdog.endRequested()) break;
+            if (!watchdog.beginRequest()) continue;
             serveOneClient(*client);
             client.reset();
             watchdog.endRequest();

@@ -2,6 +2,7 @@
 // The server's message channel: clients connect one at a time, send one request and read one
 // answer; every send and receive carries one whole message.
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -24,8 +25,8 @@ public:
 private:
     friend class MessageListener;
     friend std::unique_ptr<MessageConnection> connectToServer(const ServerEndpoint&, bool&, std::string&);
-    explicit MessageConnection(int handle) : m_handle(handle) {}
-    int m_handle;
+    explicit MessageConnection(intptr_t handle) : m_handle(handle) {}
+    intptr_t m_handle;  // a socket, or a Windows pipe HANDLE
 };
 
 class MessageListener {
@@ -39,7 +40,8 @@ public:
     MessageListener(const MessageListener&) = delete;
     MessageListener& operator=(const MessageListener&) = delete;
 
-    // Waits for the next client of this user; null once wake() was called.
+    // Waits for the next client of this user; null once wake() was called or when the
+    // endpoint cannot take clients any more.
     std::unique_ptr<MessageConnection> accept();
     // Releases a thread blocked in accept(); callable from any thread.
     void wake();

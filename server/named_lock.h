@@ -2,6 +2,7 @@
 // A lock shared by the processes of one user, named by a path. It belongs to the object
 // that took it and is released when that object is destroyed or its process dies, so a
 // holder that crashes never leaves it taken.
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -22,11 +23,12 @@ public:
     void unlock();
 
     // Replaces the lock file's contents with `text` (the server records its process id).
+    // A Windows mutex holds no text: there it does nothing.
     bool record(const std::string& text);
 
 private:
-    explicit NamedLock(int handle) : m_handle(handle) {}
-    int m_handle;
+    explicit NamedLock(intptr_t handle) : m_handle(handle) {}
+    intptr_t m_handle;  // a file descriptor, or a Windows mutex HANDLE
 };
 
 }  // namespace glyptora_internal

@@ -11,7 +11,8 @@ int currentProcessId();
 // False once the process has ended (also while it waits to be reaped).
 bool processIsRunning(int processId);
 
-// True when standard input is a terminal: the server runs only detached from one.
+// True when standard input is a terminal (on Windows: the process has a console window):
+// the server runs only detached from one.
 bool standardInputIsTerminal();
 
 // Absolute path of the module (shared library or executable) that holds this code;
@@ -20,7 +21,8 @@ std::string moduleHoldingThisCode(bool* isMainExecutable);
 
 // Starts `program` with `arguments` in a process of its own, detached from this one: its own
 // session, standard streams on the null device, no descriptor of this process inherited, not
-// a child to be reaped. `processId` receives its id. False with `error` set when the
+// a child to be reaped. On Windows the arguments follow the quoted program name verbatim,
+// separated by blanks (each program there parses its own command line). `processId` receives its id. False with `error` set when the
 // program could not be started.
 bool startDetachedProcess(const std::string& program, const std::vector<std::string>& arguments, int& processId,
                           std::string& error);

@@ -21,6 +21,7 @@ public:
 private:
     friend class SharedSection;
     SectionView(uint8_t* data, uint64_t size) : m_data(data), m_size(size) {}
+    void unmap();  // platform part: releases the mapping, if any
     uint8_t* m_data = nullptr;
     uint64_t m_size = 0;
 };
@@ -37,20 +38,23 @@ public:
     SharedSection(const SharedSection&) = delete;
     SharedSection& operator=(const SharedSection&) = delete;
 
+    // The size asked for at creation. A Windows section opened by name reports 0: the system
+    // tells its size only through a view (SectionView::size, rounded up to whole pages).
     uint64_t size() const { return m_size; }
     // Maps the whole section; false with `error` set when that fails.
     bool map(bool writable, SectionView& view, std::string& error) const;
 
 private:
-    SharedSection(int handle, uint64_t size, std::string removeOnClose)
+    SharedSection(intptr_t handle, uint64_t size, std::string removeOnClose)
         : m_handle(handle), m_size(size), m_removeOnClose(std::move(removeOnClose)) {}
-    int m_handle;
+    intptr_t m_handle;  // a file descriptor, or a Windows section HANDLE
     uint64_t m_size;
     std::string m_removeOnClose;  // the name, for the creator
 };
 
 // Removes the sections of clients that ended without removing their own (a client killed
 // in the middle of a transaction): their names end in a process id that no longer runs.
+// Windows sections end with their last handle, so there it does nothing.
 void removeAbandonedSections();
 
 }  // namespace glyptora_internal

@@ -17,24 +17,8 @@
 
 namespace glyptora_internal {
 
-SectionView::~SectionView() {
+void SectionView::unmap() {
     if (m_data) munmap(m_data, size_t(m_size));
-}
-
-SectionView::SectionView(SectionView&& other) noexcept : m_data(other.m_data), m_size(other.m_size) {
-    other.m_data = nullptr;
-    other.m_size = 0;
-}
-
-SectionView& SectionView::operator=(SectionView&& other) noexcept {
-    if (this != &other) {
-        if (m_data) munmap(m_data, size_t(m_size));
-        m_data = other.m_data;
-        m_size = other.m_size;
-        other.m_data = nullptr;
-        other.m_size = 0;
-    }
-    return *this;
 }
 
 std::unique_ptr<SharedSection> SharedSection::create(const std::string& name, uint64_t size, std::string& error) {

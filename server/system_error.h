@@ -9,7 +9,11 @@ namespace glyptora_internal {
 // system has no message for it.
 std::string systemErrorText(int code);
 
-// The same for the calling thread's last error (errno here).
+// The same for the calling thread's last error (errno; GetLastError() on Windows).
 std::string lastSystemErrorText();
+
+// The platform parts' common step: `message` trimmed of blanks, tabs and line ends, or
+// `code` as "0x%08X" when no text is left.
+std::string tidySystemErrorText(const std::string& message, int code);
 
 }  // namespace glyptora_internal

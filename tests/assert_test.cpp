@@ -67,6 +67,9 @@ TEST(AssertHandler, UserHandlerReceivesTheCall) {
 }
 
 TEST(AssertHandler, DefaultHandlerPrintsReportAndTraceAndContinues) {
+#ifdef _WIN32
+    GTEST_SKIP() << "the Windows handler asks in a message box";
+#endif
     ASSERT_EQ(userAssertHandler(), nullptr);
     testing::internal::CaptureStdout();
     const int decision = reportAssertion("value > 0", "/src/core/thing.cpp", 42, "check", nullptr);

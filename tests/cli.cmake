@@ -1,7 +1,7 @@
 # End-to-end tests of the glyptora command-line tool (tests/cli_roundtrip.py). They need a
 # Python 3 with Pillow and NumPy (Debian: python3-pil, python3-numpy); the system interpreter
 # is preferred because that is where the Debian packages install them.
-if(TARGET glyptora_cli)
+if(TARGET glyptora_cli AND NOT WIN32)  # the scripts run the Linux tool
   find_program(GLYPTORA_CLI_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
   if(NOT GLYPTORA_CLI_PYTHON)
     find_program(GLYPTORA_CLI_PYTHON NAMES python3)

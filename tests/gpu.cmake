@@ -12,6 +12,11 @@ set(kernel_arithmetic GLYPTORA_SIMD_SCALAR=1 GLYPTORA_COLOUR_BLOCK_INLINE=1)
 target_compile_definitions(glyptora_fake_cuda PRIVATE ${kernel_arithmetic})
 set_target_properties(glyptora_fake_cuda PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${fake_cuda_dir}
                       CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+if(WIN32)
+  # The stand-in's own symbols, as on Linux; none of the static libraries it links.
+  target_link_options(glyptora_fake_cuda PRIVATE -Wl,--export-all-symbols
+                      -Wl,--exclude-libs,libglyptora_core.a:libpthread.a:libstdc++.a:libgcc.a:libgcc_eh.a)
+endif()
 
 set(old_cuda_drivers)
 foreach(entry_points 0 1 2)

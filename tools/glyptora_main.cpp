@@ -43,6 +43,9 @@ const char* const kUsage =
     "textures. The output container follows the extension: .dds, .ktx2 or .astc (ASTC formats,\n"
     "level 0 only). decompress decodes a texture back to PNG or EXR images (see 'glyptora\n"
     "decompress --help'); info prints what a texture file holds.\n"
+#ifndef GLYPTORA_TOOLS_HAVE_OPENEXR
+    "This build has no OpenEXR (the Windows build never has): it reads and writes no EXR images.\n"
+#endif
     "\n"
     "  -o, --output FILE       output file (one input, or the inputs of --array / --cubemap)\n"
     "  --output-dir DIR        write INPUT's name with the container extension into DIR\n"
