@@ -547,7 +547,7 @@ TEST(AstcHighLevels, BenchPhotoProducesEveryBlockKind) {
     const bool haveAstcenc = std::system("command -v astcenc > /dev/null 2>&1") == 0;
     for (const int level : {2, 3}) {
         const std::vector<uint8_t> blocks = encode(photo, pw, ph, AstcFootprint{4, 4}, level, false);
-        int partitions[5] = {}, dual[3] = {}, mixed = 0;
+        int partitions[5] = {}, dual[5] = {}, mixed = 0;
         for (size_t b = 0; b < blocks.size(); b += 16) {
             AstcBlockContent c;
             uint16_t constant[4];
