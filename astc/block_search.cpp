@@ -295,14 +295,7 @@ int AstcBlockSearch::selectByEstimate(const std::vector<AstcModeGroup>& groups, 
             const AstcModeInfo& info = group.modes[m];
             const float estimate =
                 lost + spanNoise * group.weightNoise[m] + 0.3f * colourNoise * group.colourNoise[alpha][m];
-            // Insert into the sorted short list.
-            int at = count < keep ? count : keep;
-            while (at > 0 && kept[at - 1] > estimate) --at;
-            if (at >= keep) continue;
-            for (int k = (count < keep ? count : keep - 1); k > at; --k)
-                kept[k] = kept[k - 1], modes[k] = modes[k - 1], grids[k] = grids[k - 1];
-            kept[at] = estimate, modes[at] = &info, grids[at] = &grid;
-            count = count < keep ? count + 1 : keep;
+            astcShortlistMode(estimate, &info, &grid, keep, kept, modes, grids, count);
         }
     }
     return count;

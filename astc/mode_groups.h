@@ -20,6 +20,19 @@ struct AstcModeGroup {
     std::vector<float> colourNoise[2];
 };
 
+// Adds a mode of error estimate `estimate` to the sorted short list of the `keep` lowest
+// (`count` so far; earlier modes first among equals).
+inline void astcShortlistMode(float estimate, const AstcModeInfo* info, const AstcGridInfill* grid, int keep,
+                              float* kept, const AstcModeInfo** modes, const AstcGridInfill** grids, int& count) {
+    int at = count < keep ? count : keep;
+    while (at > 0 && kept[at - 1] > estimate) --at;
+    if (at >= keep) return;
+    for (int k = (count < keep ? count : keep - 1); k > at; --k)
+        kept[k] = kept[k - 1], modes[k] = modes[k - 1], grids[k] = grids[k - 1];
+    kept[at] = estimate, modes[at] = info, grids[at] = grid;
+    count = count < keep ? count + 1 : keep;
+}
+
 // Groups `modes` by grid, groups in the order of their first mode, and prepares the grids'
 // fits.
 inline std::vector<AstcModeGroup> astcGroupModes(const std::vector<AstcModeInfo>& modes, InfillMatDataBase& infill) {

@@ -326,13 +326,7 @@ int AstcPartitionSearch::selectByEstimate(const std::vector<AstcModeGroup>& grou
             if (range < 0) continue;
             const float step = 1.0f / float(astcRangeLevels(range) - 1);
             const float estimate = lost + spanNoise * group.weightNoise[m] + 0.3f * colourNoise * step * step / 18.0f;
-            int at = count < keep ? count : keep;
-            while (at > 0 && kept[at - 1] > estimate) --at;
-            if (at >= keep) continue;
-            for (int k = (count < keep ? count : keep - 1); k > at; --k)
-                kept[k] = kept[k - 1], modes[k] = modes[k - 1], grids[k] = grids[k - 1];
-            kept[at] = estimate, modes[at] = &info, grids[at] = &grid;
-            count = count < keep ? count + 1 : keep;
+            astcShortlistMode(estimate, &info, &grid, keep, kept, modes, grids, count);
         }
     }
     return count;
