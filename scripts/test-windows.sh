@@ -21,8 +21,14 @@ cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_6
   -DGLYPTORA_LINUX_REFERENCE_BUILD="$linux_build" "${kernels[@]}" "$@" >/dev/null
 cmake --build "$build" -j "$(nproc)"
 
-[ -d "$WINEPREFIX" ] || wine wineboot --init >/dev/null 2>&1 || true
+if [ ! -d "$WINEPREFIX" ]; then
+  wine wineboot --init >/dev/null 2>&1 || true
+  wineserver -w 2>/dev/null || true  # the new prefix is complete once its set-up processes end
+fi
 wineserver -p 30 2>/dev/null || true  # one wine server for all the test processes
+# The first start of rundll32.exe in a prefix takes wine several seconds, longer than a client
+# waits for the server it starts: start it once beforehand.
+wine rundll32.exe >/dev/null 2>&1 || true
 status=0
 (cd "$build" && ctest --output-on-failure -j "$(nproc)") || status=$?
 wineserver -k 2>/dev/null || true
