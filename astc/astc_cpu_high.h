@@ -44,6 +44,7 @@ private:
     AstcBlockContext m_context;
     int m_footprint = 0;
     int m_level = 2;
+    int m_effort = 0;  // row of the effort table: level 2, level 3 small, level 3 large
     InfillMatDataBase m_infill;
     AstcPartitionTable m_partitions;
     int m_widths[2];
