@@ -134,6 +134,20 @@ bool checkPngHeader(const std::vector<uint8_t>& b, const ImageLimits& limits, st
     return checkDimensions(bigEndian32(b.data() + 16), bigEndian32(b.data() + 20), 4, limits, error);
 }
 
+// The packaged PNG decoder sizes its buffer for the compressed data from the lengths the
+// chunks claim before it reads them: a corrupt length makes it allocate up to gigabytes for a
+// small file. A chunk must fit in the file (length, type, data and checksum).
+bool pngChunksFit(const std::vector<uint8_t>& b) {
+    size_t at = 8;
+    while (at + 8 <= b.size()) {
+        const uint64_t length = bigEndian32(b.data() + at);
+        if (length + 12 > b.size() - at) return false;
+        if (std::memcmp(b.data() + at + 4, "IEND", 4) == 0) return true;
+        at += size_t(length) + 12;
+    }
+    return true;  // a truncated file: the decoder refuses it
+}
+
 // The packaged JPEG decoder trusts the symbol count of a Huffman table and writes past the
 // table's arrays when it is above 256 (a corrupt or hostile file), even when only asked for
 // the image's size. Such files are refused here, from their markers, before it sees them.
@@ -232,6 +246,10 @@ std::string decoderReason(const char* why) {
 bool loadWithStb(const std::vector<uint8_t>& bytes, const char* kind, const ImageLimits& limits, Image& image,
                  std::string& error) {
     if (std::strcmp(kind, "PNG") == 0 && !checkPngHeader(bytes, limits, error)) return false;
+    if (std::strcmp(kind, "PNG") == 0 && !pngChunksFit(bytes)) {
+        error = "cannot decode PNG image: a chunk is longer than the file";
+        return false;
+    }
     if (std::strcmp(kind, "JPEG") == 0 && !jpegHuffmanTablesFit(bytes)) {
         error = "cannot decode JPEG image: corrupt Huffman table";
         return false;
