@@ -150,8 +150,12 @@ bool pngChunksFit(const std::vector<uint8_t>& b) {
 
 // The packaged JPEG decoder trusts the symbol count of a Huffman table and writes past the
 // table's arrays when it is above 256 (a corrupt or hostile file), even when only asked for
-// the image's size. Such files are refused here, from their markers, before it sees them.
+// the image's size; and it decodes a scan with a Huffman table the file never defined from
+// uninitialised memory, reading out of bounds. Such files are refused here, from their
+// markers, before it sees them.
 bool jpegHuffmanTablesFit(const std::vector<uint8_t>& b) {
+    bool defined[2][4] = {};  // DC and AC tables by id
+    bool progressive = false;
     size_t i = jpegStart(b);
     while (i + 1 < b.size()) {
         if (b[i] != 0xFF) {  // entropy-coded data of a scan: up to the next marker
@@ -167,13 +171,31 @@ bool jpegHuffmanTablesFit(const std::vector<uint8_t>& b) {
         if (marker == 0xD9 || i + 3 >= b.size()) return true;  // end of image
         const size_t length = size_t(b[i + 2]) << 8 | b[i + 3];
         const size_t end = std::min(b.size(), i + 2 + length);
+        if (marker == 0xC2) progressive = true;
         if (marker == 0xC4)  // define Huffman tables: class and id, 16 counts, the symbols
             for (size_t t = i + 4; t < end;) {
                 size_t symbols = 0;  // the decoder reads missing bytes as 0
                 for (size_t k = 1; k <= 16 && t + k < b.size(); ++k) symbols += b[t + k];
                 if (symbols > 256) return false;
+                const int tableClass = b[t] >> 4, id = b[t] & 15;
+                if (tableClass <= 1 && id <= 3) defined[tableClass][id] = true;
                 t += 17 + symbols;
             }
+        if (marker == 0xDA && i + 4 < end) {  // start of scan: the tables its components use
+            const size_t count = b[i + 4];
+            const size_t spectralStart = i + 5 + 2 * count;
+            if (spectralStart < end) {
+                // A progressive scan uses the DC tables (first scan of a band from 0) or the AC
+                // tables; a sequential scan both.
+                const bool dc = !progressive || b[spectralStart] == 0, ac = !progressive || b[spectralStart] > 0;
+                for (size_t k = 0; k < count; ++k) {
+                    const uint8_t tables = b[i + 6 + 2 * k];
+                    if ((dc && ((tables >> 4) > 3 || !defined[0][tables >> 4])) ||
+                        (ac && ((tables & 15) > 3 || !defined[1][tables & 15])))
+                        return false;
+                }
+            }
+        }
         i = std::max(end, i + 2);
     }
     return true;
@@ -251,7 +273,7 @@ bool loadWithStb(const std::vector<uint8_t>& bytes, const char* kind, const Imag
         return false;
     }
     if (std::strcmp(kind, "JPEG") == 0 && !jpegHuffmanTablesFit(bytes)) {
-        error = "cannot decode JPEG image: corrupt Huffman table";
+        error = "cannot decode JPEG image: corrupt or missing Huffman table";
         return false;
     }
     if (std::strcmp(kind, "HDR") == 0 && !hdrScanlinesEnd(bytes)) {
