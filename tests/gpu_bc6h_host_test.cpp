@@ -20,35 +20,14 @@
 #include "gpu/gpu_kernel_names.h"
 #include "gpu/gpu_testing.h"
 #include "gpu_block_quality.h"
+#include "gpu_fake_driver_fixture.h"
 
 using namespace glyptora_internal;
 using namespace gpu_quality;
 
 namespace {
 
-alignas(64) const uint32_t kTestKernelImage[4] = {0x7E57CAFEu, 0, 0, 0};
-
-class GpuBC6HHostTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        fake_cuda_reset(cudaKernelRuntimeVersion());
-        gpu_testing::setDriverLibraryPath(GLYPTORA_FAKE_CUDA);
-        gpu_testing::setKernelImage(kTestKernelImage, sizeof kTestKernelImage);
-        gpu_testing::setWorkLimits(0, 0);
-        gpu_testing::resetGpuState();
-        ASSERT_TRUE(isGpuEncodingAvailable());
-    }
-    void TearDown() override {
-        const FakeCudaCounters counters = fake_cuda().counters;
-        EXPECT_EQ(counters.liveAllocations, 0) << "device memory leaked";
-        EXPECT_EQ(counters.badAccesses, 0);
-        EXPECT_EQ(counters.badLaunches, 0) << "launch of a wrong shape or with arguments outside device memory";
-        gpu_testing::setWorkLimits(0, 0);
-        gpu_testing::resetGpuState();
-        gpu_testing::setDriverLibraryPath(nullptr);
-        gpu_testing::setKernelImage(nullptr, 0);
-    }
-};
+class GpuBC6HHostTest : public FakeDriverTest {};
 
 // An HDR image: values over many octaves, negatives, values past the largest half, infinity,
 // NaN and denormals, beside the test images' gradients and noise.
@@ -79,12 +58,6 @@ int texelKernel(int32_t valueType) {
 std::vector<std::string> sequenceKernels(int32_t valueType, bool isSigned) {
     return {kernel_names::kBC6HTexels[texelKernel(valueType)], kernel_names::kFillFltMax,
             kernel_names::kBC6HEncode[isSigned ? 1 : 0]};
-}
-
-std::vector<std::string> launchedKernels() {
-    std::vector<std::string> kernels;
-    for (const FakeCudaLaunch& l : fake_cuda().launches) kernels.push_back(l.kernel);
-    return kernels;
 }
 
 std::vector<uint8_t> cpuBlocks(const glyptora::CPUInputBuffer& input, bool isSigned) {

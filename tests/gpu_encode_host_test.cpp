@@ -20,13 +20,12 @@
 #include "gpu/gpu_kernel_names.h"
 #include "gpu/gpu_testing.h"
 #include "gpu_block_quality.h"
+#include "gpu_fake_driver_fixture.h"
 
 using namespace glyptora_internal;
 using namespace gpu_quality;
 
 namespace {
-
-alignas(64) const uint32_t kTestKernelImage[4] = {0x7E57CAFEu, 0, 0, 0};
 
 // The timing labels of an entry's chunk encodes and launches, kept word for word:
 // "s_encode_bc3_gpu()" and "encode_bc3_gpu()"; BC1a launches as "encode_bc1_gpu()".
@@ -36,26 +35,8 @@ std::pair<std::string, std::string> timingLabels(const EncoderEntry& entry) {
     return {"s_encode_" + name + "_gpu()", "encode_" + (name == "bc1a" ? std::string("bc1") : name) + "_gpu()"};
 }
 
-class GpuEncodeHostTest : public ::testing::Test {
+class GpuEncodeHostTest : public FakeDriverTest {
 protected:
-    void SetUp() override {
-        fake_cuda_reset(cudaKernelRuntimeVersion());
-        gpu_testing::setDriverLibraryPath(GLYPTORA_FAKE_CUDA);
-        gpu_testing::setKernelImage(kTestKernelImage, sizeof kTestKernelImage);
-        gpu_testing::setWorkLimits(0, 0);
-        gpu_testing::resetGpuState();
-        ASSERT_TRUE(isGpuEncodingAvailable());
-    }
-    void TearDown() override {
-        const FakeCudaCounters counters = fake_cuda().counters;
-        EXPECT_EQ(counters.liveAllocations, 0) << "device memory leaked";
-        EXPECT_EQ(counters.badAccesses, 0) << "copy outside device memory or without a context";
-        EXPECT_EQ(counters.badLaunches, 0) << "launch of a wrong shape or with arguments outside device memory";
-        gpu_testing::setWorkLimits(0, 0);
-        gpu_testing::resetGpuState();
-        gpu_testing::setDriverLibraryPath(nullptr);
-        gpu_testing::setKernelImage(nullptr, 0);
-    }
 
     // Makes the next availability computation see a device with this much memory and speed.
     static void useDevice(unsigned long long totalMem, int clockRate, int multiProcessors) {
@@ -89,12 +70,6 @@ std::vector<std::string> expectedKernels(const GpuPlan& plan, int32_t valueType,
             for (const char* k : {plan.channelKernel, plan.colourKernel})
                 if (k) kernels.push_back(k);
     }
-    return kernels;
-}
-
-std::vector<std::string> launchedKernels() {
-    std::vector<std::string> kernels;
-    for (const FakeCudaLaunch& l : fake_cuda().launches) kernels.push_back(l.kernel);
     return kernels;
 }
 
