@@ -6,6 +6,7 @@
 #include "core/timing_context.h"
 #include "gpu/gpu_buffer.h"
 #include "gpu/gpu_kernel_names.h"
+#include "gpu/gpu_sequence_launcher.h"
 
 namespace glyptora_bc6h {
 
@@ -17,43 +18,7 @@ namespace names = glyptora_internal::kernel_names;
 
 namespace {
 
-// Issues the launches and allocations of one sequence; after the first failure it issues
-// nothing more and keeps that failure.
-class Launcher {
-public:
-    explicit Launcher(const GpuSession& session) : m_session(session) {}
-
-    GpuSequenceFailure failure;
-
-    template <typename T>
-    T* allocate(DeviceMemory& memory, size_t elements) {
-        if (failure.failed()) return nullptr;
-        memory = DeviceMemory(m_session, elements * sizeof(T));
-        if (!memory.ok()) fail("scratch allocation", memory.error());
-        return memory.ok() ? memory.as<T>() : nullptr;
-    }
-
-    void launch(const char* name, uint64_t threads, void** parameters) {
-        if (failure.failed()) return;
-        cuda::CUfunction kernel = m_session.kernel(name);
-        if (!kernel) {
-            failure.missingKernel = name;
-            return;
-        }
-        const unsigned grid = unsigned((threads + 127) >> 7);
-        const cuda::CUresult result =
-            m_session.api().cuLaunchKernel(kernel, grid, 1, 1, 128, 1, 1, 0, nullptr, parameters, nullptr);
-        if (result != cuda::kSuccess) fail("kernel launch", result);
-    }
-
-private:
-    void fail(const char* step, cuda::CUresult result) {
-        failure.step = step;
-        failure.result = result;
-    }
-
-    const GpuSession& m_session;
-};
+using Launcher = glyptora_internal::GpuSequenceLauncher;
 
 }  // namespace
 

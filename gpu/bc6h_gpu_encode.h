@@ -14,7 +14,7 @@ class TimingContext;
 
 namespace glyptora_bc6h {
 
-using glyptora_bc7::GpuSequenceFailure;
+using glyptora_internal::GpuSequenceFailure;
 
 // Encodes the view's tiles into `output` (device memory, 16 bytes a tile) on the default
 // stream, under the timing label "bc6h_encode_gpu()": converts the texels into an n x 64

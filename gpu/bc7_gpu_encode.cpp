@@ -6,6 +6,7 @@
 #include "gpu/bc7_gpu_stages.h"
 #include "gpu/gpu_buffer.h"
 #include "gpu/gpu_kernel_names.h"
+#include "gpu/gpu_sequence_launcher.h"
 
 namespace glyptora_bc7 {
 
@@ -18,19 +19,15 @@ namespace stages = glyptora_internal::gpu_bc7;
 
 namespace {
 
-class Sequence {
+// The launcher with the per-block sizes of one sequence over `count` blocks.
+class Sequence : public glyptora_internal::GpuSequenceLauncher {
 public:
-    Sequence(const GpuSession& session, uint32_t count) : m_session(session), m_count(count) {}
+    Sequence(const GpuSession& session, uint32_t count) : GpuSequenceLauncher(session), m_count(count) {}
 
-    GpuSequenceFailure failure;
-
-    // Device memory for `elements` of T per block; null (with the failure kept) when refused.
+    // Device memory for `elementsPerBlock` of T per block; null (with the failure kept) when refused.
     template <typename T>
     T* allocate(DeviceMemory& memory, size_t elementsPerBlock) {
-        if (failure.failed()) return nullptr;
-        memory = DeviceMemory(m_session, size_t(m_count) * elementsPerBlock * sizeof(T));
-        if (!memory.ok()) fail("scratch allocation", memory.error());
-        return memory.ok() ? memory.as<T>() : nullptr;
+        return GpuSequenceLauncher::allocate<T>(memory, size_t(m_count) * elementsPerBlock);
     }
 
     void fill(float* values, uint64_t count) {
@@ -44,25 +41,6 @@ public:
     }
 
 private:
-    void launch(const char* name, uint64_t threads, void** parameters) {
-        if (failure.failed()) return;
-        cuda::CUfunction kernel = m_session.kernel(name);
-        if (!kernel) {
-            failure.missingKernel = name;
-            return;
-        }
-        const unsigned grid = unsigned((threads + 127) >> 7);
-        const cuda::CUresult result =
-            m_session.api().cuLaunchKernel(kernel, grid, 1, 1, 128, 1, 1, 0, nullptr, parameters, nullptr);
-        if (result != cuda::kSuccess) fail("kernel launch", result);
-    }
-
-    void fail(const char* step, cuda::CUresult result) {
-        failure.step = step;
-        failure.result = result;
-    }
-
-    const GpuSession& m_session;
     const uint32_t m_count;
 };
 

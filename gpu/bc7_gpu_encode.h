@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "gpu/cuda_driver.h"
+#include "gpu/gpu_sequence_launcher.h"
 #include "gpu/gpu_views.h"
 
 namespace glyptora {
@@ -11,14 +12,7 @@ class TimingContext;
 
 namespace glyptora_bc7 {
 
-// The first failure of a sequence: the kernel missing from the module, or the step and the
-// driver's result. Empty when every allocation and launch went through.
-struct GpuSequenceFailure {
-    const char* missingKernel = nullptr;
-    const char* step = nullptr;
-    glyptora_internal::cuda::CUresult result = glyptora_internal::cuda::kSuccess;
-    bool failed() const { return missingKernel || step; }
-};
+using glyptora_internal::GpuSequenceFailure;
 
 // Encodes the view's tiles into `output` (device memory, 16 bytes a tile) on the default
 // stream, under the timing label "bc7_encode_gpu()": opacity flags (images with alpha),

@@ -180,7 +180,7 @@ private:
         else report(t_bc6h_encode_gpu<TGPUView<T>, UnsignedFuncs>(m_session, view, out, m_timing));
     }
 
-    void report(const glyptora_bc7::GpuSequenceFailure& failure) {
+    void report(const GpuSequenceFailure& failure) {
         if (failure.missingKernel) lookUp(failure.missingKernel);
         else if (failure.step) fail(failure.step, failure.result);
     }
