@@ -56,29 +56,41 @@ void fillImage(const ImageRecord& image, int tileWidth, int tileHeight, uint32_t
     const size_t pixelStep = image.interleaved ? size_t(image.channelCount) : 1;
     const size_t channelStep = image.interleaved ? 1 : plane;
     const size_t tileValues = size_t(tileWidth) * size_t(tileHeight) * 4;
+    // Where each tile channel comes from, read once: the tile stores could alias the record
+    // (8-bit tiles), which would make the compiler reload it for every value.
+    uint32_t order[4];
+    bool identity = image.interleaved && pixelStep == 4;
+    for (int k = 0; k < 4; ++k) {
+        order[k] = image.channelOrder[k];
+        identity = identity && order[k] == uint32_t(k);
+    }
+    const T one = constantOne<T>();
 
     glyptora_internal::parallelFor(image.depth * tilesPerColumn, [&](uint32_t task) {
         const int slice = int(task) / tilesPerColumn;
         const int tileRow = int(task) % tilesPerColumn;
         const uint32_t rowFirstTile = firstTile + task * uint32_t(tilesPerRow);
+        const int validHeight = std::min(tileHeight, image.height - tileRow * tileHeight);
         for (int tileColumn = 0; tileColumn < tilesPerRow; ++tileColumn) {
             const uint32_t t = rowFirstTile + uint32_t(tileColumn);
             const int validWidth = std::min(tileWidth, image.width - tileColumn * tileWidth);
-            const int validHeight = std::min(tileHeight, image.height - tileRow * tileHeight);
             regions[t] = TileValidRegion{uint8_t(validWidth), uint8_t(validHeight)};
             T* out = tiles + size_t(t) * tileValues;
             for (int y = 0; y < validHeight; ++y) {
                 const size_t row = size_t(tileRow * tileHeight + y);
-                for (int x = 0; x < validWidth; ++x) {
-                    const size_t column = size_t(tileColumn * tileWidth + x);
-                    const size_t pixel = (size_t(slice) * size_t(image.height) + row) * size_t(image.width) + column;
-                    const T* src = source + pixel * pixelStep;
-                    T* dst = out + size_t(y * tileWidth + x) * 4;
-                    for (int k = 0; k < 4; ++k) {
-                        const uint32_t from = image.channelOrder[k];
-                        dst[k] = from < 4 ? src[from * channelStep] : (from == 5 ? constantOne<T>() : T(0));
-                    }
+                const size_t column = size_t(tileColumn * tileWidth);
+                const size_t pixel = (size_t(slice) * size_t(image.height) + row) * size_t(image.width) + column;
+                const T* src = source + pixel * pixelStep;
+                T* dst = out + size_t(y * tileWidth) * 4;
+                if (identity) {  // RGBA in memory order: the row is one copy
+                    std::copy(src, src + size_t(validWidth) * 4, dst);
+                    continue;
                 }
+                for (int x = 0; x < validWidth; ++x, src += pixelStep, dst += 4)
+                    for (int k = 0; k < 4; ++k) {
+                        const uint32_t from = order[k];
+                        dst[k] = from < 4 ? src[from * channelStep] : (from == 5 ? one : T(0));
+                    }
             }
         }
     });
