@@ -17,26 +17,11 @@
 #include "astc/integer_sequence.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
-#include "core/assert.h"
+#include "recording_assert_handler.h"
 
 using namespace glyptora_astc;
 
 namespace {
-
-// Records failed checks while it lives and lets the code go on.
-class RecordingHandler : public glyptora_internal::AssertHandler {
-public:
-    RecordingHandler() : previous_(glyptora_internal::setAssertHandler(this)) {}
-    ~RecordingHandler() override { glyptora_internal::setAssertHandler(previous_); }
-    int assertion(const char* exp, const char* file, int, const char* func, const char*, va_list) override {
-        expressions.push_back(exp), files.push_back(file), functions.push_back(func ? func : "");
-        return 2;
-    }
-    std::vector<std::string> expressions, files, functions;
-
-private:
-    AssertHandler* previous_;
-};
 
 std::string bitString(const uint8_t* block, int first, int count) {
     std::string s;

@@ -16,7 +16,8 @@
 #include "bc6h/bc6h_format.h"
 #include "bc6h/search_encoder.h"
 #include "bc7/bc7_tables.h"
-#include "core/assert.h"
+#include "lcg.h"
+#include "recording_assert_handler.h"
 
 using namespace BC6HModes;
 
@@ -24,14 +25,6 @@ namespace {
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-struct Rng {
-    uint32_t state;
-    uint32_t next() { return (state = state * 1664525u + 1013904223u) >> 8; }
-    float unit() { return float(next() & 0xFFFF) / 65535.0f; }
-    // A magnitude spread over several binary orders: 2^-12 .. 2^10.
-    float magnitude() { return std::ldexp(0.5f + unit(), int(next() % 23) - 12); }
-};
 
 struct Sample {
     float tex[64];
@@ -41,7 +34,7 @@ struct Sample {
 // Varied blocks: random HDR texels, smooth gradients, constants, two-colour edges along a
 // partition shape, partial edge blocks, values around zero (negatives), inf and NaN.
 std::vector<Sample> sampleBlocks(int perKind) {
-    Rng rng{12345};
+    Lcg rng{12345};
     std::vector<Sample> samples;
     for (int kind = 0; kind < 7; ++kind)
         for (int n = 0; n < perKind; ++n) {
@@ -99,22 +92,10 @@ uint64_t fnv1a(uint64_t h, const uint8_t* data, size_t size) {
     return h;
 }
 
-struct CountingHandler : glyptora_internal::AssertHandler {
-    CountingHandler() : previous(glyptora_internal::setAssertHandler(this)) {}
-    ~CountingHandler() override { glyptora_internal::setAssertHandler(previous); }
-    int assertion(const char* exp, const char* file, int, const char*, const char*, va_list) override {
-        ++calls, expression = exp, source = file;
-        return 2;
-    }
-    glyptora_internal::AssertHandler* previous;
-    int calls = 0;
-    std::string expression, source;
-};
-
 }  // namespace
 
 TEST(BC6HSearch, EveryBlockDecodesToThePaletteAndErrorTheSearchBelieved) {
-    CountingHandler handler;
+    RecordingHandler handler;
     for (const bool isSigned : {false, true}) {
         int twoRegion = 0;
         for (const Sample& s : sampleBlocks(48)) {
@@ -136,7 +117,7 @@ TEST(BC6HSearch, EveryBlockDecodesToThePaletteAndErrorTheSearchBelieved) {
         }
         EXPECT_GT(twoRegion, 30);  // both layouts are exercised
     }
-    EXPECT_EQ(handler.calls, 0);
+    EXPECT_EQ(handler.expressions, std::vector<std::string>{});
 }
 
 TEST(BC6HSearch, TexelPreparation) {
@@ -220,7 +201,7 @@ TEST(BC6HSearch, TheFirstPatternThatHoldsTheEndpointsIsTaken) {
     // Smooth blocks: their deltas fit the first two-region pattern (mode value 2). The last
     // one is two flat colours that the 10-bit pattern 4 reproduces exactly while the first
     // pattern's 11-bit grid misses them; the first pattern is still the one written.
-    Rng rng{77};
+    Lcg rng{77};
     for (int n = 0; n <= 40; ++n) {
         float tex[64];
         const float base = 0.5f + rng.unit(), slope = 0.004f * rng.unit();
@@ -254,12 +235,11 @@ TEST(BC6HSearch, EndpointsNoPatternHoldsFailTheSearch) {
         for (int c = 0; c < 3; ++c) e.A[c] = 1e6f, e.B[c] = 0.0f;  // beyond every field
     uint8_t block[16] = {};
     for (const int regions : {1, 2}) {
-        CountingHandler handler;
+        RecordingHandler handler;
         const float error = regions == 2 ? refinetwo(tile, 3, rough, block, false) : refineone(tile, 0, rough, block, false);
         EXPECT_EQ(error, FLT_MAX);
-        EXPECT_EQ(handler.calls, 1);
-        EXPECT_EQ(handler.expression, "false");
-        EXPECT_EQ(handler.source, regions == 2 ? "bc6h_two" : "bc6h_one");
+        EXPECT_EQ(handler.expressions, std::vector<std::string>{"false"});
+        EXPECT_EQ(handler.files, std::vector<std::string>{regions == 2 ? "bc6h_two" : "bc6h_one"});
     }
 }
 

@@ -8,35 +8,18 @@
 #include "bc6h/bits.h"
 #include "bc7/bits.h"
 #include "bc7/utils.h"
-#include "core/assert.h"
+#include "recording_assert_handler.h"
 
 using namespace glyptora_internal;
 using Utils = BC7Modes::Utils;
 
 namespace {
 
-// Records every failed check while it lives, and lets the code go on.
-class CapturedAssertions : public AssertHandler {
-public:
-    CapturedAssertions() : previous_(setAssertHandler(this)) {}
-    ~CapturedAssertions() override { setAssertHandler(previous_); }
-    int assertion(const char* exp, const char* file, int, const char* func, const char*, va_list) override {
-        expressions.push_back(exp);
-        files.push_back(file);
-        functions.push_back(func ? func : "");
-        return 2;
-    }
-    std::vector<std::string> expressions, files, functions;
-
-private:
-    AssertHandler* previous_;
-};
-
 template <typename BitsType>
 void checkWriterEdges() {
     uint8_t block[16];
     std::memset(block, 0xA5, sizeof block);
-    CapturedAssertions captured;
+    RecordingHandler captured;
     BitsType out(block, 128);
     out.write(0x7FFFFFFF, 0);  // nothing
     EXPECT_EQ(out.getptr(), 0);
@@ -102,7 +85,7 @@ TEST(BC7Bits, ReaderGivesBackWhatWasWrittenAndRefusesWrites) {
     BC7Modes::Bits in(data, BC7Modes::BITSIZE);
     for (int i = 0; i < 10; ++i) EXPECT_EQ(in.read(widths[i]), values[i]) << i;
 
-    CapturedAssertions captured;
+    RecordingHandler captured;
     BC7Modes::Bits reader(data, 16);
     reader.writeone(1);
     ASSERT_FALSE(captured.expressions.empty());
@@ -131,7 +114,7 @@ TEST(BC7Utils, LerpHitsBothEndpointsIgnoresBiasAndChecksItsArguments) {
     EXPECT_FLOAT_EQ(out[1], 21.0f * 64.0f / 64.0f);
     EXPECT_FLOAT_EQ(out[2], 128.0f);
 
-    CapturedAssertions captured;
+    RecordingHandler captured;
     Utils::lerp(0, 255, 1, 1, 5);
     Utils::lerp(0, 255, 8, 1, 7);
     Utils::lerp(0, 255, 1, 4, 7);
@@ -161,7 +144,7 @@ TEST(BC7Utils, QuantizeRoundTripsAtEveryPrecisionAndChecksItsArguments) {
     EXPECT_EQ(Utils::quantize(127.49f, 8), 127);
     EXPECT_EQ(Utils::quantize(127.5f, 8), 128);
 
-    CapturedAssertions captured;
+    RecordingHandler captured;
     Utils::quantize(10.0f, 3);
     Utils::quantize(300.0f, 5);
     Utils::unquantize(3, 2);
@@ -181,7 +164,7 @@ TEST(BC7Utils, PremultiplyAndItsVariants) {
     Utils::premult(pixels, 2);
     EXPECT_EQ(std::vector<float>(pixels, pixels + 8), (std::vector<float>{0, 0, 0, 0, 10, 20, 30, 255}));
 
-    CapturedAssertions captured;
+    RecordingHandler captured;
     float fractional[4] = {1.5f, 2, 3, 4}, fractionalBlue[4] = {1, 2, 3.25f, 4};
     Utils::premult(fractional);
     Utils::premult(fractionalBlue);

@@ -20,6 +20,7 @@
 #include "bc7/bc7_tables.h"
 #include "core/cpu_views.h"
 #include "bc7_test_support.h"
+#include "lcg.h"
 
 using namespace glyptora_bc7;
 using bc7_test::decodedError;
@@ -28,17 +29,8 @@ namespace {
 
 constexpr uint16_t kFull = 0x0404;
 
-struct Rng {
-    uint32_t state;
-    uint32_t next() {
-        state = state * 1664525u + 1013904223u;
-        return state >> 8;
-    }
-    float unit() { return float(next() & 0xFFFF) / 65535.0f; }
-};
-
 // Noisy colours around a few random anchors, so that indices spread over the palette.
-void randomTexels(Rng& rng, float tex[64], bool translucent) {
+void randomTexels(Lcg& rng, float tex[64], bool translucent) {
     float anchors[3][4];
     for (auto& a : anchors)
         for (float& c : a) c = rng.unit();
@@ -103,7 +95,7 @@ void checkForced(const BC7ForcedChoice& c, const float tex[64], bool translucent
 TEST(BC7Blocks, ForcedAndDriverBlocksDecodeToTheirOwnErrorAndAsPillowDoes) {
     std::vector<uint8_t> blocks;
     std::vector<std::string> labels;
-    Rng rng{7};
+    Lcg rng{7};
     for (const BC7ForcedChoice& c : everyChoice())
         for (int set = 0; set < 3; ++set) {
             float tex[64];
@@ -242,7 +234,7 @@ TEST(BC7Driver, EqualRotationsKeepTheEarliest) {
 
 TEST(BC7Mode6, AlphaExtremesStayExact) {
     float tex[64];
-    Rng rng{3};
+    Lcg rng{3};
     randomTexels(rng, tex, true);
     for (int i : {0, 7, 9, 15}) tex[i * 4 + 3] = i < 8 ? 0.0f : 1.0f;
     uint8_t block[16], rgba[64];
@@ -259,7 +251,7 @@ TEST(BC7Mode6, AlphaExtremesStayExact) {
 TEST(BC7CPU, EntryMatchesTheBlockEncoderAndCountsModes) {
     // Three tiles, the last one partial (2 x 3 valid texels).
     std::vector<unsigned char> data(3 * 64);
-    Rng rng{5};
+    Lcg rng{5};
     for (unsigned char& v : data) v = static_cast<unsigned char>(rng.next());
     const glyptora_internal::TileValidRegion regions[3] = {{4, 4}, {4, 4}, {2, 3}};
     glyptora_internal::CPUU8View view;

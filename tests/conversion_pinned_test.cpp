@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "glyptora.h"
+#include "pinned_conversions.h"
 
 namespace {
 
@@ -25,10 +26,10 @@ uint64_t fnv1a(uint64_t h, const std::vector<uint8_t>& bytes) {
     return h;
 }
 
-// A smooth picture with texture and, optionally, varying alpha, for every level of a chain.
+// A source in `format`: `value(x, y, c)` of type T for every level of a chain.
 template <typename T, typename Value>
-std::vector<uint8_t> picture(uint32_t w, uint32_t h, uint32_t depth, uint32_t levels, uint32_t dimension,
-                             Value value) {
+Source source(const wchar_t* format, uint32_t w, uint32_t h, uint32_t depth, uint32_t levels, uint32_t dimension,
+              Value value) {
     std::vector<T> values;
     for (uint32_t m = 0; m < levels; ++m) {
         const uint32_t lw = std::max(w >> m, 1u), lh = std::max(h >> m, 1u);
@@ -40,7 +41,7 @@ std::vector<uint8_t> picture(uint32_t w, uint32_t h, uint32_t depth, uint32_t le
     }
     std::vector<uint8_t> bytes(values.size() * sizeof(T));
     std::memcpy(bytes.data(), values.data(), bytes.size());
-    return bytes;
+    return {format, bytes, w, h, depth, levels, dimension};
 }
 
 double wave(uint32_t x, uint32_t y, int c) {
@@ -48,33 +49,19 @@ double wave(uint32_t x, uint32_t y, int c) {
                                                                       std::sin(1.7 * (x ^ y) + c);
 }
 
+// Smooth pictures with texture, one with varying alpha, in every source type.
 std::vector<Source> sources() {
-    std::vector<Source> s;
-    s.push_back({L"unorm_8_8_8_8",
-                 picture<uint8_t>(37, 29, 1, 3, 0,
-                                  [](uint32_t x, uint32_t y, int c) {
-                                      return uint8_t(c == 3 ? 255 : std::clamp(wave(x, y, c), 0.0, 1.0) * 255);
-                                  }),
-                 37, 29, 1, 3, 0});
-    s.push_back({L"srgb_8_8_8_8",
-                 picture<uint8_t>(16, 12, 2, 2, 1,
-                                  [](uint32_t x, uint32_t y, int c) {
-                                      return uint8_t(std::clamp(wave(y, x, c), 0.0, 1.0) * 255);
-                                  }),
-                 16, 12, 2, 2, 1});
-    s.push_back({L"snorm_8_8_8_8",
-                 picture<int8_t>(9, 11, 1, 2, 0,
-                                 [](uint32_t x, uint32_t y, int c) {
-                                     return int8_t(std::lround((wave(x, y, c) * 2 - 1) * 127));
-                                 }),
-                 9, 11, 1, 2, 0});
-    s.push_back({L"float_32_32_32_32",
-                 picture<float>(10, 6, 4, 2, 2,
-                                [](uint32_t x, uint32_t y, int c) {
-                                    return float(wave(x, y, c) * 1.6 - 0.3);  // beyond [0, 1] both ways
-                                }),
-                 10, 6, 4, 2, 2});
-    return s;
+    using P = uint32_t;
+    return {source<uint8_t>(L"unorm_8_8_8_8", 37, 29, 1, 3, 0,
+                            [](P x, P y, int c) {
+                                return uint8_t(c == 3 ? 255 : std::clamp(wave(x, y, c), 0.0, 1.0) * 255);
+                            }),
+            source<uint8_t>(L"srgb_8_8_8_8", 16, 12, 2, 2, 1,
+                            [](P x, P y, int c) { return uint8_t(std::clamp(wave(y, x, c), 0.0, 1.0) * 255); }),
+            source<int8_t>(L"snorm_8_8_8_8", 9, 11, 1, 2, 0,
+                           [](P x, P y, int c) { return int8_t(std::lround((wave(x, y, c) * 2 - 1) * 127)); }),
+            source<float>(L"float_32_32_32_32", 10, 6, 4, 2, 2,  // beyond [0, 1] both ways
+                          [](P x, P y, int c) { return float(wave(x, y, c) * 1.6 - 0.3); })};
 }
 
 uint64_t chainBytes(uint32_t blockBytes, const Source& s) {
@@ -99,28 +86,22 @@ uint64_t hashConversions(const std::wstring& format, const std::wstring& options
     return h;
 }
 
-struct Pinned {
-    const wchar_t* format;
-    const wchar_t* options;
-    uint32_t blockBytes;
-    uint64_t hash;
-};
-
-const Pinned kPinned[] = {
-#include "conversion_pinned_hashes.inc"
-};
-
 }  // namespace
 
 TEST(ConversionPinned, EveryFormatAndQualityKeepsItsBlocks) {
-    std::string actual;
-    for (const Pinned& p : kPinned) {
-        const uint64_t h = hashConversions(p.format, p.options, p.blockBytes);
-        char line[160];
-        std::snprintf(line, sizeof line, "    {L\"%ls\", L\"%ls\", %u, 0x%016llxull},\n", p.format, p.options,
-                      p.blockBytes, static_cast<unsigned long long>(h));
-        actual += line;
-        EXPECT_EQ(h, p.hash) << p.format << " / " << p.options;
+    std::string actual;  // the table as it would read now, printed on a failure
+    for (const pinned::Row& p : pinned::kRows) {
+        char text[160];
+        std::snprintf(text, sizeof text, "    {L\"%ls\", %u, {", p.format, p.blockBytes);
+        actual += text;
+        for (int i = 0; i < p.count(); ++i) {
+            const uint64_t h = hashConversions(p.format, p.optionsAt(i), p.blockBytes);
+            EXPECT_EQ(h, p.hashes[i]) << p.format << " / " << p.optionsAt(i);
+            std::snprintf(text, sizeof text, "%s0x%016llx", i ? ", " : "", static_cast<unsigned long long>(h));
+            actual += text;
+        }
+        if (p.options) std::snprintf(text, sizeof text, "}, L\"%ls\"},\n", p.options);
+        actual += p.options ? text : "}},\n";
     }
     if (HasFailure()) std::printf("Actual hashes:\n%s", actual.c_str());
 }

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "server/idle_watchdog.h"
 #include "server/request_record.h"
@@ -13,20 +14,16 @@ using namespace glyptora_internal;
 namespace {
 
 ServerRequest sampleRequest() {
-    ServerRequest r;
-    r.destinationSection = "HalvoranGlyptoraDstPixels_4242";
-    r.sourceSection = "HalvoranGlyptoraSrcPixels_4242";
-    r.destinationFormat = "srgb_bc7";
-    r.sourceFormat = "unorm_8_8_8_8";
-    r.options = "production perceptual";
-    r.flags = 0x04030201;
-    r.dimension = 2;
-    r.width = 4096;
-    r.height = 0x00ABCDEF;
-    r.depth = 6;
-    r.mipCount = 13;
-    r.clientProcessId = 4242;
-    return r;
+    return {.destinationSection = "HalvoranGlyptoraDstPixels_4242", .sourceSection = "HalvoranGlyptoraSrcPixels_4242",
+            .destinationFormat = "srgb_bc7", .sourceFormat = "unorm_8_8_8_8", .options = "production perceptual",
+            .flags = 0x04030201, .dimension = 2, .width = 4096, .height = 0x00ABCDEF, .depth = 6, .mipCount = 13,
+            .clientProcessId = 4242};
+}
+
+// Every field, for comparisons.
+auto fields(const ServerRequest& r) {
+    return std::tie(r.destinationSection, r.sourceSection, r.destinationFormat, r.sourceFormat, r.options, r.flags,
+                    r.dimension, r.width, r.height, r.depth, r.mipCount, r.clientProcessId);
 }
 
 std::string textAt(const RequestRecord& record, size_t offset) {
@@ -53,15 +50,7 @@ TEST(RequestRecord, FieldsSitAtTheirOffsets) {
     ServerRequest parsed;
     ASSERT_TRUE(parseRequestRecord(record.data(), record.size(), parsed, error));
     const ServerRequest r = sampleRequest();
-    EXPECT_EQ(parsed.destinationSection, r.destinationSection);
-    EXPECT_EQ(parsed.sourceSection, r.sourceSection);
-    EXPECT_EQ(parsed.destinationFormat, r.destinationFormat);
-    EXPECT_EQ(parsed.sourceFormat, r.sourceFormat);
-    EXPECT_EQ(parsed.options, r.options);
-    EXPECT_EQ(parsed.flags, r.flags);
-    EXPECT_EQ(parsed.height, r.height);
-    EXPECT_EQ(parsed.mipCount, r.mipCount);
-    EXPECT_EQ(parsed.clientProcessId, r.clientProcessId);
+    EXPECT_EQ(fields(parsed), fields(r));
 }
 
 // Names and formats go in whole or not at all; options are cut to 31 characters.
@@ -71,14 +60,10 @@ TEST(RequestRecord, BoundedCopies) {
         size_t length;
         bool fits;
     } cases[] = {
-        {&ServerRequest::destinationFormat, 31, true},
-        {&ServerRequest::destinationFormat, 32, false},
-        {&ServerRequest::sourceFormat, 31, true},
-        {&ServerRequest::sourceFormat, 40, false},
-        {&ServerRequest::destinationSection, 127, true},
-        {&ServerRequest::destinationSection, 128, false},
-        {&ServerRequest::sourceSection, 127, true},
-        {&ServerRequest::sourceSection, 128, false},
+        {&ServerRequest::destinationFormat, 31, true},   {&ServerRequest::destinationFormat, 32, false},
+        {&ServerRequest::sourceFormat, 31, true},        {&ServerRequest::sourceFormat, 40, false},
+        {&ServerRequest::destinationSection, 127, true}, {&ServerRequest::destinationSection, 128, false},
+        {&ServerRequest::sourceSection, 127, true},      {&ServerRequest::sourceSection, 128, false},
         {&ServerRequest::options, 200, true},
     };
     for (const auto& c : cases) {

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace glyptora_tools {
 
@@ -120,51 +121,31 @@ bool PendingOutput::commit(const std::vector<uint8_t>& data, std::string& error)
         error = "output was not opened";
         return false;
     }
+    const auto failed = [&] {
+        error = std::string("cannot write output: ") + std::strerror(errno);
+        discard();
+        return false;
+    };
     const uint8_t* p = data.data();
     size_t left = data.size();
     while (left > 0) {
         const ssize_t n = ::write(m_fd, p, left);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            error = std::string("cannot write output: ") + std::strerror(errno);
-            discard();
-            return false;
-        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return failed();
         p += n;
         left -= size_t(n);
     }
-    if (::fsync(m_fd) != 0 && errno != EINVAL && errno != EROFS) {
-        error = std::string("cannot write output: ") + std::strerror(errno);
-        discard();
-        return false;
-    }
-    const int fd = m_fd;
-    m_fd = -1;
-    if (::close(fd) != 0) {
-        error = std::string("cannot write output: ") + std::strerror(errno);
-        discard();
-        return false;
-    }
-    if (::rename(m_tempPath.c_str(), m_path.c_str()) != 0) {
-        error = std::string("cannot write output: ") + std::strerror(errno);
-        discard();
-        return false;
-    }
+    if (::fsync(m_fd) != 0 && errno != EINVAL && errno != EROFS) return failed();
+    if (::close(std::exchange(m_fd, -1)) != 0 || ::rename(m_tempPath.c_str(), m_path.c_str()) != 0) return failed();
     g_signalTempPathSet = 0;
     m_tempPath.clear();
     return true;
 }
 
 void PendingOutput::discard() {
-    if (m_fd >= 0) {
-        ::close(m_fd);
-        m_fd = -1;
-    }
-    if (!m_tempPath.empty()) {
-        g_signalTempPathSet = 0;
-        ::unlink(m_tempPath.c_str());
-        m_tempPath.clear();
-    }
+    if (m_fd >= 0) ::close(std::exchange(m_fd, -1));
+    g_signalTempPathSet = 0;
+    if (!m_tempPath.empty()) ::unlink(std::exchange(m_tempPath, std::string()).c_str());
 }
 
 void removePendingOutputOnSignal() {

@@ -10,7 +10,7 @@ import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "python"))
-sys.path.insert(0, str(ROOT / "tests"))  # cli_roundtrip: photo_like, write_exr, write_hdr
+sys.path.insert(0, str(ROOT / "tests"))  # cli_support: photo_like, write_exr, write_hdr
 BUILD = Path(os.environ.get("GLYPTORA_BUILD_DIR", ROOT / "build" / "release"))
 os.environ.setdefault("GLYPTORA_BUILD_DIR", str(BUILD))
 os.environ.setdefault("GLYPTORA_COMMAND", str(BUILD / "bin" / "glyptora"))

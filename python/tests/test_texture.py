@@ -6,7 +6,7 @@ import pytest
 from PIL import Image
 
 import glyptora
-from cli_roundtrip import photo_like, write_exr, write_hdr
+from cli_support import photo_like, write_exr, write_hdr
 
 W, H = 37, 21  # odd sizes: partial blocks, uneven area averages down the chain
 

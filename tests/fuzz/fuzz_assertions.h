@@ -23,9 +23,11 @@ public:
     }
 };
 
-inline void abortOnAssertions() {
-    static AbortOnAssertion handler;
-    glyptora_internal::setAssertHandler(&handler);
-}
-
 }  // namespace glyptora_fuzz
+
+// Every fuzzer that includes this installs the handler before its first input.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    static glyptora_fuzz::AbortOnAssertion handler;
+    glyptora_internal::setAssertHandler(&handler);
+    return 0;
+}

@@ -1,5 +1,6 @@
 #pragma once
 // A check of a fuzzer itself: a false condition is a finding, reported and aborted on.
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
@@ -10,3 +11,10 @@
             std::abort();                                                                           \
         }                                                                                           \
     } while (false)
+
+// Whether the `count` bytes from `p` all still hold `fill` (guard bytes, an output left alone).
+inline bool holdsOnly(const uint8_t* p, uint64_t count, uint8_t fill) {
+    for (uint64_t i = 0; i < count; ++i)
+        if (p[i] != fill) return false;
+    return true;
+}

@@ -78,11 +78,6 @@ void checkAstc(const std::vector<uint8_t>& f, const EncodedTexture& t) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    abortOnAssertions();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
 

@@ -158,11 +158,6 @@ void checkBlocks(const BlockFormat& f, const uint8_t* blocks, uint32_t dimension
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    abortOnAssertions();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     const std::wstring destination = widen(pickName(in, kDestinations, std::size(kDestinations)));
@@ -254,12 +249,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     FUZZ_CHECK(result <= 1);
     FUZZ_CHECK(result == (expected ? 1u : 0u));
-    for (size_t i = 0; i < kGuard; ++i) {
-        FUZZ_CHECK(destinationBuffer[i] == kFill);
-        FUZZ_CHECK(destinationBuffer[kGuard + destinationBytes + i] == kFill);
-    }
+    FUZZ_CHECK(holdsOnly(destinationBuffer.data(), kGuard, kFill));
+    FUZZ_CHECK(holdsOnly(destinationBuffer.data() + kGuard + destinationBytes, kGuard, kFill));
     if (!result) {
-        for (uint8_t b : destinationBuffer) FUZZ_CHECK(b == kFill);
+        FUZZ_CHECK(holdsOnly(destinationBuffer.data(), destinationBuffer.size(), kFill));
         return 0;
     }
     if (destinationBytes) checkBlocks(format, destinationBuffer.data() + kGuard, dimension, width, height, depth, mipCount);

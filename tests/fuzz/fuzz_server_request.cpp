@@ -131,21 +131,16 @@ void checkHandler(const uint8_t* data, FuzzedDataProvider& in) {
     const std::string answer = serveRequest(record.data(), record.size());
     FUZZ_CHECK(!answer.empty() && answer.find('\n') == std::string::npos);
     if (answer != "Success") {
-        for (uint64_t i = 0; i < destinationSize; ++i) FUZZ_CHECK(destinationView.data()[i] == kFill);
+        FUZZ_CHECK(holdsOnly(destinationView.data(), destinationSize, kFill));
         return;
     }
     uint64_t sourceBytes = 0, destinationBytes = 0;
     requestSizes(r, sourceBytes, destinationBytes);
     FUZZ_CHECK(which == 3 && sourceBytes <= sourceSize && destinationBytes <= destinationSize);
-    for (uint64_t i = destinationBytes; i < destinationSize; ++i) FUZZ_CHECK(destinationView.data()[i] == kFill);
+    FUZZ_CHECK(holdsOnly(destinationView.data() + destinationBytes, destinationSize - destinationBytes, kFill));
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    abortOnAssertions();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     checkParser(data, size);

@@ -13,18 +13,15 @@
 #include <vector>
 
 #include "glyptora.h"
+#include "pinned_conversions.h"
 
 namespace {
 
-struct Pinned {
+// A conversion: format, options and block size.
+struct Conversion {
     const wchar_t* format;
     const wchar_t* options;
     uint32_t blockBytes;
-    uint64_t hash;  // of the pinned-hash test; not used here
-};
-
-const Pinned kConversions[] = {
-#include "conversion_pinned_hashes.inc"
 };
 
 struct Source {
@@ -112,18 +109,19 @@ int main(int argc, char** argv) {
     }
     // The pinned list, plus every ASTC footprint at every quality.
     std::vector<std::wstring> names;
-    std::vector<Pinned> conversions(std::begin(kConversions), std::end(kConversions));
+    std::vector<Conversion> conversions;
+    for (const pinned::Row& p : pinned::kRows)
+        for (int i = 0; i < p.count(); ++i) conversions.push_back({p.format, p.optionsAt(i), p.blockBytes});
     for (const wchar_t* footprint : {L"4x4", L"5x4", L"5x5", L"6x5", L"6x6", L"8x5", L"8x6", L"8x8", L"10x5", L"10x6",
                                      L"10x8", L"10x10", L"12x10", L"12x12"})
         names.push_back(std::wstring(L"unorm_astc_") + footprint);
     for (const std::wstring& name : names)
-        for (const wchar_t* quality : {L"fastest", L"normal", L"production", L"highest"})
-            conversions.push_back({name.c_str(), quality, 16, 0});
+        for (const wchar_t* quality : pinned::kQualities) conversions.push_back({name.c_str(), quality, 16});
 
     std::vector<uint8_t> all;
     int failures = 0;
     const std::vector<Source> inputs = sources();
-    for (const Pinned& p : conversions) {
+    for (const Conversion& p : conversions) {
         uint32_t bw = 4, bh = 4;
         blockSize(p.format, bw, bh);
         for (const Source& s : inputs) {
