@@ -18,7 +18,7 @@ namespace glyptora_astc {
 
 namespace {
 
-constexpr int kMaxKeep = 32;
+constexpr int kMaxKeep = 64;
 constexpr int kMaxEndpointModes = 4;
 
 // Colour range that `partitions` pairs of endpoint mode `cem` get beside the weights.

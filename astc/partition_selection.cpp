@@ -129,21 +129,80 @@ template <typename Count>
     return best;
 }
 
+// Inserts pattern `pattern` of score `s` into the shortlist of at most `size`, best first,
+// earlier patterns first among equals.
+[[gnu::always_inline]] inline void shortlistInsert(int s, const AstcPartitionPattern* pattern, int size, int* score,
+                                                   const AstcPartitionPattern** listed, int& count) {
+    if (count == size && score[size - 1] >= s) return;
+    int at = count < size ? count : size - 1;
+    while (at > 0 && score[at - 1] < s) score[at] = score[at - 1], listed[at] = listed[at - 1], --at;
+    score[at] = s, listed[at] = pattern;
+    count = std::min(count + 1, size);
+}
+
+// The agreement scan over the packed texel sets of footprints of at most 64 texels: the
+// same scores and list as agreement() and shortlistInsert(), with what does not depend on the
+// pattern counted once; with more than two partitions a bound passes over most patterns
+// before their matchings are tried.
+template <typename Count>
+[[gnu::always_inline]] inline int shortlistOneWord(const AstcPartitionTable& table, const ClusterScan& scan, int size,
+                                                  const AstcPartitionPattern** listed) {
+    const std::vector<AstcPartitionPattern>& patterns = table.patterns(scan.k);
+    const std::vector<uint16_t>& distinct = table.distinct(scan.k);
+    const uint64_t* sets = table.distinctTexelSets(scan.k).data();
+    const int k = scan.k, patternCount = int(distinct.size());
+    const uint64_t c0 = scan.clusters[0][0], c1 = scan.clusters[1][0], c2 = scan.clusters[2][0];
+    const uint64_t valid = scan.clusters[k][0];
+    int score[kMaxShortlist], count = 0;
+    if (k == 2) {
+        const int all = Count::of(valid);
+        for (int j = 0; j < patternCount; ++j, sets += 4) {
+            const int same = Count::of(sets[0] & c0) + Count::of(sets[1] & c1);
+            shortlistInsert(std::max(same, all - same), &patterns[distinct[j]], size, score, listed, count);
+        }
+        return count;
+    }
+    for (int j = 0; j < patternCount; ++j, sets += 4) {
+        int shared[4][4];
+        for (int p = 0; p < k; ++p) {
+            const uint64_t m = sets[p];
+            shared[p][0] = Count::of(m & c0);
+            shared[p][1] = Count::of(m & c1);
+            if (k == 4) shared[p][2] = Count::of(m & c2);
+            shared[p][k - 1] = Count::of(m & valid) - shared[p][0] - shared[p][1] - (k == 4 ? shared[p][2] : 0);
+        }
+        // No matching beats each partition taking its largest share: most patterns stop here.
+        if (count == size) {
+            int bound = 0;
+            for (int p = 0; p < k; ++p) {
+                int largest = std::max(shared[p][0], shared[p][1]);
+                for (int c = 2; c < k; ++c) largest = std::max(largest, shared[p][c]);
+                bound += largest;
+            }
+            if (bound <= score[size - 1]) continue;
+        }
+        int best = 0;
+        for (int q = 0; q < scan.permutationCount; ++q) {
+            int n = 0;
+            for (int p = 0; p < k; ++p) n += shared[p][scan.permutations[q][p]];
+            best = std::max(best, n);
+        }
+        shortlistInsert(best, &patterns[distinct[j]], size, score, listed, count);
+    }
+    return count;
+}
+
 // The `size` distinct patterns that agree best with the clustering, best first, earlier
 // seeds first among equals; returns how many.
 template <typename Count>
 [[gnu::always_inline]] inline int shortlistPatterns(const AstcPartitionTable& table, const ClusterScan& scan, int size,
                                                    const AstcPartitionPattern** listed) {
+    if (scan.words == 1) return shortlistOneWord<Count>(table, scan, size, listed);
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(scan.k);
     int score[kMaxShortlist], count = 0;
     for (const uint16_t index : table.distinct(scan.k)) {
         const AstcPartitionPattern& pattern = patterns[index];
-        const int s = agreement<Count>(pattern, scan);
-        if (count == size && score[size - 1] >= s) continue;
-        int at = count < size ? count : size - 1;
-        while (at > 0 && score[at - 1] < s) score[at] = score[at - 1], listed[at] = listed[at - 1], --at;
-        score[at] = s, listed[at] = &pattern;
-        count = std::min(count + 1, size);
+        shortlistInsert(agreement<Count>(pattern, scan), &pattern, size, score, listed, count);
     }
     return count;
 }
@@ -163,20 +222,23 @@ int shortlist(const AstcPartitionTable& table, const ClusterScan& scan, int size
 // rows of its colour's outer product and that product's diagonal; an invalid texel adds nothing.
 constexpr int kMoments = 7;
 struct TexelMoments {
-    Vec4f m[kMoments][kAstcMaxTexels];  // count (all lanes), RGBA, product rows R, G, B, A, diagonal
+    // count (all lanes), RGBA, product rows R, G, B, A, diagonal; raw floats, so that the
+    // record costs nothing to declare (only the block's own texels are written and read)
+    alignas(16) float m[kMoments][kAstcMaxTexels][4];
+    Vec4f at(int j, int i) const { return Vec4f::load(m[j][i]); }
 };
 
 void texelMoments(const AstcBlockTexels& t, TexelMoments& out) {
     for (int i = 0; i < t.texels; ++i) {
         const Vec4f v(t.valid[i]);
         const Vec4f colour = Vec4f(t.channel[0][i], t.channel[1][i], t.channel[2][i], t.channel[3][i]) * v;
-        out.m[0][i] = v;
-        out.m[1][i] = colour;
-        out.m[2][i] = colour * Vec4f(t.channel[0][i]);
-        out.m[3][i] = colour * Vec4f(t.channel[1][i]);
-        out.m[4][i] = colour * Vec4f(t.channel[2][i]);
-        out.m[5][i] = colour * Vec4f(t.channel[3][i]);
-        out.m[6][i] = colour * Vec4f(t.channel[0][i], t.channel[1][i], t.channel[2][i], t.channel[3][i]);
+        v.store(out.m[0][i]);
+        colour.store(out.m[1][i]);
+        (colour * Vec4f(t.channel[0][i])).store(out.m[2][i]);
+        (colour * Vec4f(t.channel[1][i])).store(out.m[3][i]);
+        (colour * Vec4f(t.channel[2][i])).store(out.m[4][i]);
+        (colour * Vec4f(t.channel[3][i])).store(out.m[5][i]);
+        (colour * Vec4f(t.channel[0][i], t.channel[1][i], t.channel[2][i], t.channel[3][i])).store(out.m[6][i]);
     }
 }
 
@@ -240,7 +302,7 @@ float lineResidual(const AstcBlockTexels& t, const TexelMoments& moments, const 
     Vec4f sum[4][kMoments];
     for (int i = 0; i < t.texels; ++i) {
         Vec4f* s = sum[pattern.partitionOf[i]];
-        for (int j = 0; j < kMoments; ++j) s[j] += moments.m[j][i];
+        for (int j = 0; j < kMoments; ++j) s[j] += moments.at(j, i);
     }
     float total = 0.0f;
     for (int p = 0; p < k; ++p) total += covarianceOfSums(sum[p]).residual();
@@ -265,7 +327,7 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
             for (int j = 0; j < kMoments; ++j) {
                 Vec4f sum;
                 for (int b = 0; b < 4; ++b)
-                    if ((mask >> b & 1) && g * 4 + b < t.texels) sum += moments.m[j][g * 4 + b];
+                    if ((mask >> b & 1) && g * 4 + b < t.texels) sum += moments.at(j, g * 4 + b);
                 subsets[g][mask][j] = sum;
                 if (mask == 15) total[j] += sum;
             }

@@ -42,6 +42,8 @@ AstcPartitionTable::AstcPartitionTable(int blockWidth, int blockHeight) {
                     key[std::size_t(order[p] * kAstcTexelWords + w)] = list[j].texelsOf[p][w];
             if (seen.insert(key).second) m_distinct[count - 2].push_back(uint16_t(j));
         }
+        for (const uint16_t j : m_distinct[count - 2])
+            for (int p = 0; p < 4; ++p) m_distinctSets[count - 2].push_back(list[j].texelsOf[p][0]);
     }
 }
 

@@ -30,10 +30,17 @@ public:
     // every earlier one (the same texel groups under other partition numbers count as alike):
     // a search never needs the later copies.
     const std::vector<uint16_t>& distinct(int partitionCount) const { return m_distinct[partitionCount - 2]; }
+    // For footprints of at most 64 texels: the texel sets of the distinct patterns, four words
+    // a pattern (one per partition, unused ones 0), packed so that a scan over the patterns
+    // reads them one after the other.
+    const std::vector<uint64_t>& distinctTexelSets(int partitionCount) const {
+        return m_distinctSets[partitionCount - 2];
+    }
 
 private:
     std::vector<AstcPartitionPattern> m_patterns[3];
     std::vector<uint16_t> m_distinct[3];
+    std::vector<uint64_t> m_distinctSets[3];
 };
 
 }  // namespace glyptora_astc
