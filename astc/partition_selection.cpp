@@ -313,44 +313,132 @@ float lineResidual(const AstcBlockTexels& t, const TexelMoments& moments, const 
 // ones that gains little over the shortlist.
 constexpr int kEveryPatternTexels = 20;
 
+// One texel's moment sums packed in four vectors: count, R, G, B | A, RR, RG, RB |
+// RA, GG, GB, GA | BB, BA, AA, 0 (each product a colour times a channel, as TexelMoments
+// forms them, so that a partition's sums are the same numbers in either form).
+constexpr int kPacked = 4;
+constexpr int kPackedScalars = 16;
+// Where each covariance entry (row, column) reads its product sum, and each channel its
+// colour sum, in the packed scalars.
+constexpr int kProductAt[4][4] = {{5, 6, 7, 8}, {6, 9, 10, 11}, {7, 10, 12, 13}, {8, 11, 13, 14}};
+constexpr int kColourAt[4] = {1, 2, 3, 4};
+
+// The covariances of four partitions at once, one per lane, from their packed sums (one
+// vector per packed scalar): the same arithmetic as covarianceOfSums, lane by lane.
+struct FourCovariances {
+    Vec4f n, cov[4][4], trace, bound;
+
+    explicit FourCovariances(const Vec4f sums[kPackedScalars]) : n(sums[0]) {
+        const Vec4f inverse = Vec4f(1.0f) / n;
+        Vec4f mean[4];
+        for (int c = 0; c < 4; ++c) mean[c] = sums[kColourAt[c]] * inverse;
+        Vec4f norm2;
+        for (int r = 0; r < 4; ++r)
+            for (int c = r; c < 4; ++c) {
+                cov[r][c] = cov[c][r] = sums[kProductAt[r][c]] * inverse - mean[c] * mean[r];
+                norm2 += cov[r][c] * cov[r][c] * Vec4f(r == c ? 1.0f : 2.0f);
+            }
+        trace = cov[0][0] + cov[1][1] + cov[2][2] + cov[3][3];
+        // Fewer than two texels leave no residual (and their lanes no meaningful sums).
+        const Vec4f enough = glyptora_simd::cmpLessEqual(Vec4f(2.0f), n);
+        bound = glyptora_simd::select(enough, n * glyptora_simd::max(trace - glyptora_simd::sqrt(norm2), Vec4f()),
+                                      Vec4f());
+    }
+
+    // Lane `l` as one PartitionCovariance.
+    PartitionCovariance lane(int l) const {
+        PartitionCovariance c;
+        if (!(n[l] >= 2.0f)) return c;
+        c.n = n[l];
+        for (int r = 0; r < 4; ++r) c.rows[r] = Vec4f(cov[r][0][l], cov[r][1][l], cov[r][2][l], cov[r][3][l]);
+        for (int k = 1; k < 4; ++k)
+            if (cov[k][k][l] > cov[c.start][c.start][l]) c.start = k;
+        c.trace = trace[l];
+        return c;
+    }
+};
+
 // Ranks every distinct two-partition pattern by what one line per partition leaves; writes
 // the `keep` best, earlier seeds first among equals. The first partition's moment sums come
-// from the sums of every subset of each run of four texels; the second's are the rest.
-int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTable& table,
-                                 const TexelMoments& moments, int keep, const AstcPartitionPattern** out) {
+// from the sums of every subset of each run of four texels; the second's are the rest. Four
+// patterns are bounded at once (one per lane); only those the bound cannot pass over get
+// their eigenvalues.
+int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTable& table, int keep,
+                                 const AstcPartitionPattern** out) {
     constexpr int kGroups = (kEveryPatternTexels + 3) / 4;
-    Vec4f subsets[kGroups][16][kMoments];
-    Vec4f total[kMoments];
+    alignas(16) float subsets[kGroups][16][kPacked][4];
+    Vec4f texel[4][kPacked], total[kPackedScalars];
     const int groups = (t.texels + 3) / 4;
-    for (int g = 0; g < groups; ++g)
+    for (int g = 0; g < groups; ++g) {
+        for (int b = 0; b < 4; ++b) {
+            const int i = g * 4 + b;
+            if (i >= t.texels) {
+                for (int r = 0; r < kPacked; ++r) texel[b][r] = Vec4f();
+                continue;
+            }
+            const float v = t.valid[i], R = t.channel[0][i], G = t.channel[1][i], B = t.channel[2][i],
+                        A = t.channel[3][i];
+            alignas(16) float c[4];
+            (Vec4f(R, G, B, A) * Vec4f(v)).store(c);
+            texel[b][0] = Vec4f(v, c[0], c[1], c[2]);
+            texel[b][1] = Vec4f(c[3], c[0] * R, c[1] * R, c[2] * R);
+            texel[b][2] = Vec4f(c[3] * R, c[1] * G, c[2] * G, c[3] * G);
+            texel[b][3] = Vec4f(c[2] * B, c[3] * B, c[3] * A, 0.0f);
+        }
         for (int mask = 0; mask < 16; ++mask)
-            for (int j = 0; j < kMoments; ++j) {
+            for (int r = 0; r < kPacked; ++r) {
                 Vec4f sum;
                 for (int b = 0; b < 4; ++b)
-                    if ((mask >> b & 1) && g * 4 + b < t.texels) sum += moments.at(j, g * 4 + b);
-                subsets[g][mask][j] = sum;
-                if (mask == 15) total[j] += sum;
+                    if (mask >> b & 1) sum += texel[b][r];
+                sum.store(subsets[g][mask][r]);
             }
+    }
+    for (int r = 0; r < kPacked; ++r) {
+        Vec4f sum;
+        for (int g = 0; g < groups; ++g) sum += Vec4f::load(subsets[g][15][r]);
+        alignas(16) float lanes[4];
+        sum.store(lanes);
+        for (int k = 0; k < 4; ++k) total[r * 4 + k] = Vec4f(lanes[k]);
+    }
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(2);
+    const std::vector<uint16_t>& distinct = table.distinct(2);
+    const uint64_t* sets = table.distinctTexelSets(2).data();
+    const int patternCount = int(distinct.size());
     float kept[8];
     int count = 0;
-    for (const uint16_t index : table.distinct(2)) {
-        const AstcPartitionPattern& pattern = patterns[index];
-        Vec4f first[kMoments], second[kMoments];
-        for (int g = 0; g < groups; ++g) {
-            const int mask = int(pattern.texelsOf[0][g >> 4] >> ((g & 15) * 4) & 15);
-            for (int j = 0; j < kMoments; ++j) first[j] += subsets[g][mask][j];
+    for (int first = 0; first < patternCount; first += 4) {
+        const int lanes = std::min(4, patternCount - first);
+        Vec4f packed[kPacked][4];  // [row][pattern]
+        for (int l = 0; l < 4; ++l) {
+            Vec4f sum[kPacked];
+            if (l < lanes) {
+                const uint64_t texels = sets[size_t(first + l) * 4];
+                for (int g = 0; g < groups; ++g) {
+                    const int mask = int(texels >> (g * 4) & 15);
+                    for (int r = 0; r < kPacked; ++r) sum[r] += Vec4f::load(subsets[g][mask][r]);
+                }
+            }
+            for (int r = 0; r < kPacked; ++r) packed[r][l] = sum[r];
         }
-        for (int j = 0; j < kMoments; ++j) second[j] = total[j] - first[j];
-        const PartitionCovariance a = covarianceOfSums(first), b = covarianceOfSums(second);
-        // Most patterns are passed over by the bound alone, without their eigenvalues.
-        if (count == keep && !(a.residualBound() + b.residualBound() < kept[keep - 1])) continue;
-        const float residual = a.residual() + b.residual();
-        if (count == keep && !(residual < kept[keep - 1])) continue;
-        int at = count < keep ? count : keep - 1;
-        while (at > 0 && residual < kept[at - 1]) kept[at] = kept[at - 1], out[at] = out[at - 1], --at;
-        kept[at] = residual, out[at] = &pattern;
-        count = std::min(count + 1, keep);
+        Vec4f firstSums[kPackedScalars], secondSums[kPackedScalars];
+        for (int r = 0; r < kPacked; ++r) {
+            glyptora_simd::transpose4(packed[r][0], packed[r][1], packed[r][2], packed[r][3]);
+            for (int k = 0; k < 4; ++k) firstSums[r * 4 + k] = packed[r][k];
+        }
+        for (int k = 0; k < kPackedScalars; ++k) secondSums[k] = total[k] - firstSums[k];
+        const FourCovariances a(firstSums), b(secondSums);
+        alignas(16) float bounds[4];
+        (a.bound + b.bound).store(bounds);
+        for (int l = 0; l < lanes; ++l) {
+            // Most patterns are passed over by the bound alone, without their eigenvalues.
+            if (count == keep && !(bounds[l] < kept[keep - 1])) continue;
+            const float residual = a.lane(l).residual() + b.lane(l).residual();
+            if (count == keep && !(residual < kept[keep - 1])) continue;
+            int at = count < keep ? count : keep - 1;
+            while (at > 0 && residual < kept[at - 1]) kept[at] = kept[at - 1], out[at] = out[at - 1], --at;
+            kept[at] = residual, out[at] = &patterns[distinct[size_t(first + l)]];
+            count = std::min(count + 1, keep);
+        }
     }
     return count;
 }
@@ -362,10 +450,10 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(partitionCount);
     keep = std::min(keep, 8);
     if (keep <= 0 || patterns.empty() || texels.validCount < partitionCount) return 0;
+    if (rankEveryPattern && partitionCount == 2 && texels.texels <= kEveryPatternTexels)
+        return rankEveryTwoPartitionPattern(texels, table, keep, out);
     TexelMoments moments;
     texelMoments(texels, moments);
-    if (rankEveryPattern && partitionCount == 2 && texels.texels <= kEveryPatternTexels)
-        return rankEveryTwoPartitionPattern(texels, table, moments, keep, out);
     ClusterScan scan;
     const int k = scan.k = partitionCount;
     scan.words = (texels.texels + 63) / 64;

@@ -104,6 +104,8 @@ inline Vec4f toFloat(Vec4i a) { return Vec4f(_mm_cvtepi32_ps(a.v)); }
 inline Vec4i truncateToInt(Vec4f a) { return Vec4i(_mm_cvttps_epi32(a.v)); }
 inline Vec4f asFloat(Vec4i a) { return Vec4f(_mm_castsi128_ps(a.v)); }
 inline Vec4i asInt(Vec4f a) { return Vec4i(_mm_castps_si128(a.v)); }
+// Rows to columns: afterwards a holds the first lanes of the four, b the second, and so on.
+inline void transpose4(Vec4f& a, Vec4f& b, Vec4f& c, Vec4f& d) { _MM_TRANSPOSE4_PS(a.v, b.v, c.v, d.v); }
 
 }  // namespace sse_backend
 
@@ -155,7 +157,8 @@ GLYPTORA_HD inline Vec4f shiftUp(Vec4f a, float first) { return Vec4f(first, a.e
 GLYPTORA_HD inline int moveMask(Vec4f a) { int m = 0; for (int i = 0; i < 4; ++i) m |= laneSet(a.e[i]) << i; return m; }
 GLYPTORA_HD inline bool anyLess(Vec4f a, Vec4f b) { return a.e[0] < b.e[0] || a.e[1] < b.e[1] || a.e[2] < b.e[2] || a.e[3] < b.e[3]; }
 GLYPTORA_HD inline float dot3(Vec4f a, Vec4f b) { return a.e[0] * b.e[0] + a.e[1] * b.e[1] + a.e[2] * b.e[2]; }
-GLYPTORA_HD inline float dot4(Vec4f a, Vec4f b) { return a.e[0] * b.e[0] + a.e[1] * b.e[1] + a.e[2] * b.e[2] + a.e[3] * b.e[3]; }
+// Summed in pairs, as the SSE dot product adds its lanes, so that both backends agree bit for bit.
+GLYPTORA_HD inline float dot4(Vec4f a, Vec4f b) { return (a.e[0] * b.e[0] + a.e[1] * b.e[1]) + (a.e[2] * b.e[2] + a.e[3] * b.e[3]); }
 GLYPTORA_HD inline float horizontalSum(Vec4f a) { return dot4(a, Vec4f(1.0f)); }
 #undef GLYPTORA_VEC4_LANEWISE
 
@@ -184,6 +187,16 @@ GLYPTORA_HD inline Vec4i select(Vec4i mask, Vec4i a, Vec4i b) { GLYPTORA_VEC4I_L
 GLYPTORA_HD inline Vec4i truncateToInt(Vec4f a) { GLYPTORA_VEC4I_LANEWISE(int(a.e[i])); }
 #undef GLYPTORA_VEC4I_LANEWISE
 GLYPTORA_HD inline Vec4f toFloat(Vec4i a) { return Vec4f(float(a.e[0]), float(a.e[1]), float(a.e[2]), float(a.e[3])); }
+// Rows to columns: afterwards a holds the first lanes of the four, b the second, and so on.
+GLYPTORA_HD inline void transpose4(Vec4f& a, Vec4f& b, Vec4f& c, Vec4f& d) {
+    Vec4f* rows[4] = {&a, &b, &c, &d};
+    for (int i = 0; i < 4; ++i)
+        for (int j = i + 1; j < 4; ++j) {
+            const float t = rows[i]->e[j];
+            rows[i]->e[j] = rows[j]->e[i];
+            rows[j]->e[i] = t;
+        }
+}
 
 }  // namespace scalar_backend
 
