@@ -99,18 +99,18 @@ GLYPTORA_HD inline void writePartitioned(const PartitionedMode& m, const Shape<N
 // ---------------------------------------------------------------------------
 // Modes 4 and 5.
 
-// Writes lane `rotation` of the fits as a mode 4 or 5 block, after clearing
-// the top bit of each anchor index (texel 0 of both index sets).
-GLYPTORA_HD inline void writeRotationBlock(const RotationVariant& v, int rotation, const LaneFit<3>& colour,
+// Writes lane `lane` of the fits as a mode 4 or 5 block of the given rotation,
+// after clearing the top bit of each anchor index (texel 0 of both index sets).
+GLYPTORA_HD inline void writeRotationBlock(const RotationVariant& v, int rotation, int lane, const LaneFit<3>& colour,
                                            const LaneFit<1>& alpha, uint8_t out[16]) {
     int cq[2][3], aq[2], cidx[16], aidx[16];
     for (int e = 0; e < 2; ++e) {
-        for (int k = 0; k < 3; ++k) cq[e][k] = int(colour.q[e][k][rotation]);
-        aq[e] = int(alpha.q[e][0][rotation]);
+        for (int k = 0; k < 3; ++k) cq[e][k] = int(colour.q[e][k][lane]);
+        aq[e] = int(alpha.q[e][0][lane]);
     }
     for (int i = 0; i < 16; ++i) {
-        cidx[i] = int(colour.idx[i][rotation]);
-        aidx[i] = int(alpha.idx[i][rotation]);
+        cidx[i] = int(colour.idx[i][lane]);
+        aidx[i] = int(alpha.idx[i][lane]);
     }
     if (cidx[0] >= v.colourLevels / 2) {
         for (int k = 0; k < 3; ++k) {

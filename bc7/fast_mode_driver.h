@@ -64,6 +64,18 @@ GLYPTORA_HD inline float runPartitioned(const Block& b, const PartitionedMode& m
     return fit.total;
 }
 
+// Fits the separate channel of the rotations in the lanes and then, unless
+// `mayStop` and no lane can beat `best`, their colour; err receives each lane's
+// error. Returns false when it stopped.
+GLYPTORA_HD inline bool fitRotations(const Block& b, const RotationLanes& rl, const RotationVariant& v, bool mayStop,
+                                     float best, LaneFit<3>& colour, LaneFit<1>& alpha, float (&err)[4]) {
+    fitLanes<1>(b, rl.scalar, rl.scalarStart, v.alphaBits, v.alphaLevels, kRotationRefineIterations, alpha);
+    if (mayStop && !glyptora_simd::moveMask(glyptora_simd::cmpLess(alpha.err, Vec4f(best)))) return false;
+    fitLanes<3>(b, rl.colour, rl.colourStart, v.colourBits, v.colourLevels, kRotationRefineIterations, colour);
+    (colour.err + alpha.err).store(err);
+    return true;
+}
+
 // Fits all four rotations of a mode 4/5 variant; the rotation of least error
 // (the earliest on a tie) is written when it beats `best`. forced >= 0 writes
 // that rotation whatever its error. Returns the error of the rotation chosen
@@ -71,12 +83,9 @@ GLYPTORA_HD inline float runPartitioned(const Block& b, const PartitionedMode& m
 GLYPTORA_HD inline float encodeRotations(const Block& b, const RotationLanes& rl, const RotationVariant& v, int forced,
                                          float& best, uint8_t out[16]) {
     LaneFit<1> alpha;
-    fitLanes<1>(b, rl.scalar, rl.scalarStart, v.alphaBits, v.alphaLevels, kRotationRefineIterations, alpha);
-    if (forced < 0 && !glyptora_simd::moveMask(glyptora_simd::cmpLess(alpha.err, Vec4f(best)))) return kNoBlock;
     LaneFit<3> colour;
-    fitLanes<3>(b, rl.colour, rl.colourStart, v.colourBits, v.colourLevels, kRotationRefineIterations, colour);
     float err[4];
-    (colour.err + alpha.err).store(err);
+    if (!fitRotations(b, rl, v, forced < 0, best, colour, alpha, err)) return kNoBlock;
     int r = forced;
     if (r < 0) {
         r = 0;
@@ -84,7 +93,7 @@ GLYPTORA_HD inline float encodeRotations(const Block& b, const RotationLanes& rl
             if (err[j] < err[r]) r = j;
         if (!(err[r] < best)) return err[r];
     }
-    writeRotationBlock(v, r, colour, alpha, out);
+    writeRotationBlock(v, r, r, colour, alpha, out);
     best = err[r];
     return err[r];
 }
@@ -106,34 +115,66 @@ struct StepRecorder {
     }
 };
 
+// The modes fitted to the chosen two-subset shape of an opaque block, in order:
+// 0 mode 1, 1 mode 3, 2 mode 7.
+GLYPTORA_HD inline const PartitionedMode& twoSubsetMode(int which) {
+    return which == 0 ? kMode1 : (which == 1 ? kMode3 : kMode7);
+}
+
+// Whether two-subset mode `which` is fitted to a chosen shape of modelled error
+// `model`: mode 7, which rarely beats mode 3, only below the best error itself.
+GLYPTORA_HD inline bool twoSubsetModeRuns(int which, float model, float best) {
+    return best > 0.0f && model < (which == 2 ? kRejectRatioMode7 : kRejectRatio) * best;
+}
+
+GLYPTORA_HD inline float runTwoSubsetMode(const Block& b, int which, const ShapeFit<2>& chosen, float& best,
+                                          uint8_t out[16]) {
+    const int iterations = which == 0 ? kRefineIterations : (which == 1 ? kRefineIterationsMode3 : 0);
+    return runPartitioned<3, 2>(b, twoSubsetMode(which), chosen, iterations, best, out);
+}
+
 // Two-subset modes 1 and 3 (and 7, whose own ranking equals theirs while
 // alpha is constant): the 16 shapes of least residual, each fitted and its
-// error modelled for 3-bit (mode 1) and 2-bit (modes 3, 7) indices.
+// error modelled for 3-bit (mode 1) indices.
 GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>& rm, float& best, uint8_t out[16],
                                              StepRecorder& rec) {
     float scatter[64];
     scatterEstimates<3, 2>(b, rm, scatter);
     int order[16];
-    const int count = selectShapes(scatter, 64, 16, order);
+    const int count = selectShapes(scatter, kShapes, kTwoSubsetCandidates, order);
     ShapeStats<3, 2, 16> st;
     shapeStats<3, 2, 16>(b, rm, order, count, kPowerIterations, st);
     const int slots[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
     ShapeFit<2> fits[16];
-    fitCandidates<3, 2, 16>(b, st, slots, order, count, 8, 0, fits);
+    fitCandidates<3, 2, 16>(b, st, slots, order, count, kOpaqueModelLevels, 0, fits);
     ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
     setEndpoints<3, 2, 16>(st, chosen);
-    const float model = chosen.model[0];
-    float before = best;
-    if (model < kRejectRatio * best)
-        rec.record(kStep1, runPartitioned<3, 2>(b, kMode1, chosen, kRefineIterations, best, out), before);
-    if (best > 0.0f && model < kRejectRatio * best) {
-        before = best;
-        rec.record(kStep3, runPartitioned<3, 2>(b, kMode3, chosen, kRefineIterationsMode3, best, out), before);
+    const int steps[3] = {kStep1, kStep3, kStep7};
+    for (int which = 0; which < 3; ++which) {
+        if (!twoSubsetModeRuns(which, chosen.model[0], best)) continue;
+        const float before = best;
+        rec.record(steps[which], runTwoSubsetMode(b, which, chosen, best, out), before);
     }
-    if (best > 0.0f && model < kRejectRatioMode7 * best) {
-        before = best;
-        rec.record(kStep7, runPartitioned<3, 2>(b, kMode7, chosen, 0, best, out), before);
-    }
+}
+
+// Whether a three-subset mode can win with the estimates of its first `limit`
+// shapes: each candidate's modelled error is at least its scatter / (levels - 1)^2.
+GLYPTORA_HD inline bool threeSubsetModeCanWin(const float* est, int limit, const PartitionedMode& m, float best) {
+    const float k = 1.0f / float(((1 << m.indexBits) - 1) * ((1 << m.indexBits) - 1));
+    Vec4f least(kNoBlock);
+    for (int p = 0; p < limit; p += 4) least = glyptora_simd::min(least, Vec4f::load(&est[p]));
+    return lanes::hmin(least) * k < kRejectRatio * best;
+}
+
+// Fits and refines the chosen candidate (statistics in `slot`) of a three-subset
+// mode, unless its modelled error leaves it no chance. Returns its error.
+template <int N>
+GLYPTORA_HD inline float runThreeSubsetMode(const Block& b, const ShapeStats<3, 3, N>& st, int slot, int partition,
+                                            float model, const PartitionedMode& m, float& best, uint8_t out[16]) {
+    if (!(model < kRejectRatio * best)) return kNoBlock;
+    ShapeFit<3> fit;
+    fitShape<3, 3, N>(b, st, slot, partition, fit);
+    return runPartitioned<3, 3>(b, m, fit, kRefineIterations3, best, out);
 }
 
 // A three-subset mode: the `keep` shapes of least scatter among the first
@@ -142,22 +183,19 @@ GLYPTORA_HD inline void encodeTwoSubsetModes(const Block& b, const RowMoments<3>
 GLYPTORA_HD inline float encodeThreeSubsetMode(const Block& b, const RowMoments<3>& rm, const float (&est)[64],
                                                const PartitionedMode& m, int limit, int keep, float& best,
                                                uint8_t out[16]) {
-    // Each candidate's modelled error is at least its scatter / (levels - 1)^2:
-    // when even the least scatter gives too much, no candidate is fitted.
-    const float k = 1.0f / float(((1 << m.indexBits) - 1) * ((1 << m.indexBits) - 1));
-    Vec4f least(kNoBlock);
-    for (int p = 0; p < limit; p += 4) least = glyptora_simd::min(least, Vec4f::load(&est[p]));
-    if (!(lanes::hmin(least) * k < kRejectRatio * best)) return kNoBlock;
+    if (!threeSubsetModeCanWin(est, limit, m, best)) return kNoBlock;
     int order[16];
     const int count = selectShapes(est, limit, keep, order);
     ShapeStats<3, 3, 16> st;
     shapeStats<3, 3, 16>(b, rm, order, count, kPowerIterations, st);
     float model;
     const int slot = bestByMoments<3, 3, 16>(st, count, 1 << m.indexBits, model);
-    if (!(model < kRejectRatio * best)) return kNoBlock;
-    ShapeFit<3> fit;
-    fitShape<3, 3, 16>(b, st, slot, order[slot], fit);
-    return runPartitioned<3, 3>(b, m, fit, kRefineIterations3, best, out);
+    return runThreeSubsetMode<16>(b, st, slot, order[slot], model, m, best, out);
+}
+
+// Mode 7 on a translucent block, fitted to its chosen shape.
+GLYPTORA_HD inline float runTranslucentMode7(const Block& b, const ShapeFit<2>& chosen, float& best, uint8_t out[16]) {
+    return runPartitioned<4, 2>(b, kMode7, chosen, kRefineIterations, best, out);
 }
 
 // Mode 7 on a translucent block: all 64 shapes ranked by their four-channel
@@ -170,23 +208,26 @@ GLYPTORA_HD inline void encodeTranslucentMode7(const Block& b, float& best, uint
     for (int p = 0; p < 64; ++p) all[p] = p;
     shapeStats<4, 2, 64>(b, rm, all, 64, kPowerIterations, st);
     int order[16];
-    const int count = selectShapes(st.est, 64, 16, order);
+    const int count = selectShapes(st.est, kShapes, kTwoSubsetCandidates, order);
     ShapeFit<2> fits[16];
-    fitCandidates<4, 2, 64>(b, st, order, order, count, 4, 0, fits);
+    fitCandidates<4, 2, 64>(b, st, order, order, count, kTranslucentModelLevels, 0, fits);
     const float before = best;
     ShapeFit<2>& chosen = fits[bestCandidate<2>(fits, count, 0)];
     setEndpoints<4, 2, 64>(st, chosen);
-    rec.record(kStep7, runPartitioned<4, 2>(b, kMode7, chosen, kRefineIterations, best, out), before);
+    rec.record(kStep7, runTranslucentMode7(b, chosen, best, out), before);
 }
 
 // Rotation variant v of the driver's order: 0 mode 5, 1 mode 4 with 2-bit
 // colour indices, 2 mode 4 with 3-bit colour indices.
+GLYPTORA_HD inline RotationVariant driverRotationVariant(int v) {
+    return v == 0 ? rotationVariant(5, 0) : rotationVariant(4, v - 1);
+}
+
 GLYPTORA_HD inline void encodeRotationVariant(const Block& b, const RotationLanes& rl, int v, float& best,
                                               uint8_t out[16], StepRecorder& rec) {
     const int steps[3] = {kStep5, kStep4Index0, kStep4Index1};
-    const RotationVariant variant = v == 0 ? rotationVariant(5, 0) : rotationVariant(4, v - 1);
     const float before = best;
-    rec.record(steps[v], encodeRotations(b, rl, variant, -1, best, out), before);
+    rec.record(steps[v], encodeRotations(b, rl, driverRotationVariant(v), -1, best, out), before);
 }
 
 // The driver: every step compares against and updates the block's best error.
@@ -208,10 +249,13 @@ GLYPTORA_HD inline float encodeBlock(const Block& b, uint8_t out[16], BC7FastTra
                 float est[64];
                 scatterEstimates<3, 3>(b, rm, est);
                 before = best;
-                rec.record(kStep0, encodeThreeSubsetMode(b, rm, est, kMode0, 16, 4, best, out), before);
+                rec.record(kStep0,
+                           encodeThreeSubsetMode(b, rm, est, kMode0, kMode0Shapes, kMode0Candidates, best, out),
+                           before);
                 if (best > 0.0f) {
                     before = best;
-                    rec.record(kStep2, encodeThreeSubsetMode(b, rm, est, kMode2, 64, 16, best, out), before);
+                    rec.record(kStep2, encodeThreeSubsetMode(b, rm, est, kMode2, kShapes, kMode2Candidates, best, out),
+                               before);
                 }
             }
         }

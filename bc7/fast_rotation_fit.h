@@ -29,14 +29,22 @@ struct RotationLanes {
     Vec4f scalarStart[2][1];
 };
 
-GLYPTORA_HD inline void buildRotationLanes(const Block& b, RotationLanes& rl) {
-    const Vec4f swapped[3] = {lanes::laneMask(2), lanes::laneMask(4), lanes::laneMask(8)};
+// Lane j takes rotation rotation[j] (0: none, r: channel r - 1 exchanged with alpha); the
+// encoder fits all four in turn (0, 1, 2, 3), the GPU stages one in every lane.
+GLYPTORA_HD inline void buildRotationLanes(const Block& b, RotationLanes& rl, const int (&rotation)[4]) {
+    Vec4f swapped[3];
+    for (int k = 0; k < 3; ++k)
+        swapped[k] = lanes::laneMask((rotation[0] == k + 1 ? 1 : 0) | (rotation[1] == k + 1 ? 2 : 0) |
+                                     (rotation[2] == k + 1 ? 4 : 0) | (rotation[3] == k + 1 ? 8 : 0));
+    int separate[4];
+    for (int j = 0; j < 4; ++j) separate[j] = rotation[j] == 0 ? 3 : rotation[j] - 1;
     Vec4f sum[3] = {Vec4f(0.0f), Vec4f(0.0f), Vec4f(0.0f)};
     Vec4f smin(kBig), smax(-kBig);
     for (int i = 0; i < 16; ++i) {
         const Vec4f a(b.px[i][3]);
         for (int k = 0; k < 3; ++k) rl.colour[i][k] = glyptora_simd::select(swapped[k], a, Vec4f(b.px[i][k]));
-        rl.scalar[i][0] = Vec4f(b.px[i][3], b.px[i][0], b.px[i][1], b.px[i][2]);
+        rl.scalar[i][0] =
+            Vec4f(b.px[i][separate[0]], b.px[i][separate[1]], b.px[i][separate[2]], b.px[i][separate[3]]);
         if (!(b.validMask & (1u << i))) continue;
         for (int k = 0; k < 3; ++k) sum[k] = sum[k] + rl.colour[i][k];
         smin = glyptora_simd::min(smin, rl.scalar[i][0]);
@@ -101,6 +109,12 @@ GLYPTORA_HD inline void buildRotationLanes(const Block& b, RotationLanes& rl) {
         rl.colourStart[0][k] = glyptora_simd::clamp(mean[k] + axis[k] * tmin, Vec4f(0.0f), Vec4f(255.0f));
         rl.colourStart[1][k] = glyptora_simd::clamp(mean[k] + axis[k] * tmax, Vec4f(0.0f), Vec4f(255.0f));
     }
+}
+
+// The four rotations, rotation r in lane r.
+GLYPTORA_HD inline void buildRotationLanes(const Block& b, RotationLanes& rl) {
+    const int all[4] = {0, 1, 2, 3};
+    buildRotationLanes(b, rl, all);
 }
 
 // Endpoints, indices and error of one part (colour or the separate channel) of the four rotations.

@@ -1,8 +1,8 @@
 #pragma once
 // Settings of the fast BC7 encoder, kept in one place so that its search
 // effort is tuned without touching the code that uses it: the "no block
-// yet" error, a large bound for extremes, the refinement rounds and the
-// ratios below which a partitioned mode is fitted at all.
+// yet" error, a large bound for extremes, the refinement rounds, the ratios
+// below which a partitioned mode is fitted at all and the search widths.
 #include "core/vec4.h"
 
 namespace glyptora_bc7 {
@@ -28,6 +28,18 @@ constexpr int kBlendRounds = 1;
 // opaque block, which rarely beats mode 3: below the best error itself).
 constexpr float kRejectRatio = 2.0f;
 constexpr float kRejectRatioMode7 = 1.0f;
+// Search widths: the shapes of a partitioned mode; the candidates kept for the
+// two-subset modes (of all 64 shapes), for mode 0 (of its first 16 shapes) and
+// for mode 2 (of all 64); the levels of the rounding model that ranks the
+// two-subset candidates (mode 1's 3-bit indices on opaque blocks, mode 7's
+// 2-bit ones on translucent blocks).
+constexpr int kShapes = 64;
+constexpr int kTwoSubsetCandidates = 16;
+constexpr int kMode0Shapes = 16;
+constexpr int kMode0Candidates = 4;
+constexpr int kMode2Candidates = 16;
+constexpr int kOpaqueModelLevels = 8;
+constexpr int kTranslucentModelLevels = 4;
 
 }  // namespace fastenc
 }  // namespace GLYPTORA_SIMD_ABI

@@ -51,26 +51,37 @@ struct RowMoments {
     }
 };
 
+// The block mean of the first NC channels over the valid texels.
 template <int NC>
-GLYPTORA_HD inline void buildRowMoments(const Block& b, RowMoments<NC>& rm) {
+GLYPTORA_HD inline void blockMean(const Block& b, float (&mu)[NC]) {
     for (int k = 0; k < NC; ++k) {
         Vec4f s(0.0f);
         for (int g = 0; g < 4; ++g) s = s + lanes::keep(b.valid[g], b.ch[k][g]);
-        rm.mu[k] = lanes::hsum(s) / float(b.validCount);
+        mu[k] = lanes::hsum(s) / float(b.validCount);
     }
+}
+
+// The moment record of texel i about mu (all zero outside the valid region).
+template <int NC>
+GLYPTORA_HD inline void momentRecord(const Block& b, const float (&mu)[NC], int i, float (&v)[16]) {
+    for (int j = 0; j < 16; ++j) v[j] = 0.0f;
+    if (!(b.validMask & (1u << i))) return;
+    float y[NC];
+    for (int k = 0; k < NC; ++k) y[k] = b.px[i][k] - mu[k];
+    v[0] = 1.0f;
+    for (int k = 0; k < NC; ++k) v[1 + k] = y[k];
+    for (int k = 0; k < NC; ++k)
+        for (int l = k; l < NC; ++l) v[momentSlot<NC>(k, l)] = y[k] * y[l];
+}
+
+template <int NC>
+GLYPTORA_HD inline void buildRowMoments(const Block& b, RowMoments<NC>& rm) {
+    blockMean<NC>(b, rm.mu);
     for (int r = 0; r < 4; ++r) {
         Vec4f rec[4][4];
         for (int j = 0; j < 4; ++j) {
-            const int i = r * 4 + j;
-            float v[16] = {};
-            if (b.validMask & (1u << i)) {
-                float y[NC];
-                for (int k = 0; k < NC; ++k) y[k] = b.px[i][k] - rm.mu[k];
-                v[0] = 1.0f;
-                for (int k = 0; k < NC; ++k) v[1 + k] = y[k];
-                for (int k = 0; k < NC; ++k)
-                    for (int l = k; l < NC; ++l) v[momentSlot<NC>(k, l)] = y[k] * y[l];
-            }
+            float v[16];
+            momentRecord<NC>(b, rm.mu, r * 4 + j, v);
             for (int q = 0; q < 4; ++q) rec[j][q] = Vec4f::load(v + 4 * q);
         }
         for (int q = 0; q < momentQuads<NC>(); ++q) Vec4f(0.0f).store(&rm.sums[r][0][4 * q]);
@@ -83,6 +94,40 @@ GLYPTORA_HD inline void buildRowMoments(const Block& b, RowMoments<NC>& rm) {
     }
     for (int q = 0; q < momentQuads<NC>(); ++q)
         rm.total[q] = rm.quad(0, 15, q) + rm.quad(1, 15, q) + rm.quad(2, 15, q) + rm.quad(3, 15, q);
+}
+
+// The values of RowMoments without its table: each subset of a row is summed from the
+// texels when asked for, column 3 down to column 0 (the order in which the table
+// accumulates it), so both give the same values. For code that rates a shape or two with
+// little memory (the GPU stages).
+template <int NC>
+struct TexelMoments {
+    const Block* b;
+    float mu[NC];
+    Vec4f total[4];
+    GLYPTORA_HD Vec4f rowQuad(int row, int columns, int q) const {
+        Vec4f s(0.0f);
+        for (int j = 3; j >= 0; --j) {
+            if (!((columns >> j) & 1)) continue;
+            float v[16];
+            momentRecord<NC>(*b, mu, row * 4 + j, v);
+            s = s + Vec4f::load(v + 4 * q);
+        }
+        return s;
+    }
+    // The column subset of each row is bits 4..7 of the table offsets (ShapeRowOffsets).
+    GLYPTORA_HD Vec4f subsetQuad(const uint16_t (&at)[4], int q) const {
+        return (rowQuad(0, (at[0] >> 4) & 15, q) + rowQuad(1, (at[1] >> 4) & 15, q)) +
+               (rowQuad(2, (at[2] >> 4) & 15, q) + rowQuad(3, (at[3] >> 4) & 15, q));
+    }
+};
+
+template <int NC>
+GLYPTORA_HD inline void buildTexelMoments(const Block& b, TexelMoments<NC>& tm) {
+    tm.b = &b;
+    blockMean<NC>(b, tm.mu);
+    for (int q = 0; q < momentQuads<NC>(); ++q)
+        tm.total[q] = tm.rowQuad(0, 15, q) + tm.rowQuad(1, 15, q) + tm.rowQuad(2, 15, q) + tm.rowQuad(3, 15, q);
 }
 
 // Residual of the best line through each of four subsets (one per lane) in
@@ -158,9 +203,9 @@ struct ShapeStats {
 
 GLYPTORA_HD inline const ShapeBits& shapeBits(int subsets) { return subsets == 2 ? kShapeBits2 : kShapeBits3; }
 
-// Moments of the subsets of four shapes (one per lane): V[s][slot].
-template <int NC, int NS>
-GLYPTORA_HD inline void gatherMoments(const Block& b, const RowMoments<NC>& rm, const int (&shapes)[4], int quads,
+// Moments of the subsets of four shapes (one per lane) from RowMoments or TexelMoments: V[s][slot].
+template <int NC, int NS, typename Moments>
+GLYPTORA_HD inline void gatherMoments(const Block& b, const Moments& rm, const int (&shapes)[4], int quads,
                                       Vec4f (&V)[NS][16]) {
     // Texels outside the valid region have zero records: no masking needed.
     const ShapeRowOffsets& rows = NS == 2 ? kShapeRows2 : kShapeRows3;
@@ -185,8 +230,8 @@ GLYPTORA_HD inline void gatherMoments(const Block& b, const RowMoments<NC>& rm, 
 }
 
 // Statistics of `count` shapes (N >= count rounded up to four) into slots 0..count-1.
-template <int NC, int NS, int N>
-GLYPTORA_HD inline void shapeStats(const Block& b, const RowMoments<NC>& rm, const int* shapes, int count,
+template <int NC, int NS, int N, typename Moments>
+GLYPTORA_HD inline void shapeStats(const Block& b, const Moments& rm, const int* shapes, int count,
                                    int iterations, ShapeStats<NC, NS, N>& st) {
     for (int g0 = 0; g0 < count; g0 += 4) {
         int p[4];
@@ -209,38 +254,49 @@ GLYPTORA_HD inline void shapeStats(const Block& b, const RowMoments<NC>& rm, con
     }
 }
 
-// Cheaper estimate of all 64 shapes: the sum of their subsets' scatters. With
-// moments about the block mean that is the block's total sum of squares less
-// each subset's |sum|^2 / n, so only the counts and sums are gathered.
+// Cheaper estimate of a shape: the sum of its subsets' scatters. With moments about the
+// block mean that is the block's total sum of squares less each subset's |sum|^2 / n, so
+// only the counts and sums are gathered.
+template <int NC, typename Moments>
+GLYPTORA_HD inline float totalSquares(const Moments& rm) {
+    float squares = 0.0f;
+    float t[8];
+    rm.total[0].store(t);
+    rm.total[1].store(t + 4);
+    for (int k = 0; k < NC; ++k) squares += t[1 + NC + k];
+    return squares;
+}
+
+// The estimates of four shapes (one per lane); `squares` from totalSquares().
+template <int NC, int NS, typename Moments>
+GLYPTORA_HD inline Vec4f scatterEstimate4(const Block& b, const Moments& rm, const int (&p)[4], float squares) {
+    Vec4f V[NS][16];
+    gatherMoments<NC, NS>(b, rm, p, 1, V);
+    Vec4f explained(0.0f);
+    for (int s = 0; s < NS; ++s) {
+        Vec4f sums = V[s][1] * V[s][1];
+        for (int k = 1; k < NC; ++k) sums = sums + V[s][1 + k] * V[s][1 + k];
+        explained = explained + sums / glyptora_simd::max(V[s][0], Vec4f(1.0f));
+    }
+    return glyptora_simd::max(Vec4f(squares) - explained, Vec4f(0.0f));
+}
+
+// The estimates of all 64 shapes.
 template <int NC, int NS>
 GLYPTORA_HD inline void scatterEstimates(const Block& b, const RowMoments<NC>& rm, float (&est)[64]) {
-    float squares = 0.0f;
-    {
-        float t[8];
-        rm.total[0].store(t);
-        rm.total[1].store(t + 4);
-        for (int k = 0; k < NC; ++k) squares += t[1 + NC + k];
-    }
-    const Vec4f total(squares);
+    const float squares = totalSquares<NC>(rm);
     for (int p0 = 0; p0 < 64; p0 += 4) {
         const int p[4] = {p0, p0 + 1, p0 + 2, p0 + 3};
-        Vec4f V[NS][16];
-        gatherMoments<NC, NS>(b, rm, p, 1, V);
-        Vec4f explained(0.0f);
-        for (int s = 0; s < NS; ++s) {
-            Vec4f sums = V[s][1] * V[s][1];
-            for (int k = 1; k < NC; ++k) sums = sums + V[s][1 + k] * V[s][1 + k];
-            explained = explained + sums / glyptora_simd::max(V[s][0], Vec4f(1.0f));
-        }
-        glyptora_simd::max(total - explained, Vec4f(0.0f)).store(&est[p0]);
+        scatterEstimate4<NC, NS>(b, rm, p, squares).store(&est[p0]);
     }
 }
 
-// The `keep` (at most 16) smallest estimates among the first `limit` shapes,
-// ascending. Estimates are not negative, so their bit patterns order like
+// The `keep` (at most 16) smallest estimates among the first `limit` shapes.
+// Estimates are not negative, so their bit patterns order like
 // them; the key is the pattern with its lowest six bits replaced by the shape
 // index (estimates equal to 17 significant bits keep shape order). Selected
-// by a quickselect, then sorted.
+// by a quickselect; the candidates stay in the order it leaves them, which the
+// ties between their fits follow.
 template <int K>
 GLYPTORA_HD inline int selectShapes(const float* est, int limit, int keep, int (&order)[K]) {
     if (keep > K) keep = K;
@@ -465,18 +521,24 @@ GLYPTORA_HD inline void fitShape(const Block& b, const ShapeStats<NC, NS, N>& st
     setEndpoints<NC, NS, N>(st, out);
 }
 
-// Modelled error of candidates from their moments alone: each subset's line
-// residual plus the rounding error of its spread along the axis onto `levels`
-// evenly spaced points, taking the texels as evenly spread (variance / (levels - 1)^2).
-// Returns the candidate of least modelled error (the earlier one on a tie).
+// Modelled error of a candidate from its moments alone: each subset's line residual plus
+// the rounding error of its spread along the axis onto `levels` evenly spaced points,
+// taking the texels as evenly spread (variance / (levels - 1)^2).
+template <int NC, int NS, int N>
+GLYPTORA_HD inline float momentModel(const ShapeStats<NC, NS, N>& st, int c, int levels) {
+    const float k = 1.0f / float((levels - 1) * (levels - 1));
+    float model = 0.0f;
+    for (int s = 0; s < NS; ++s) model += st.residual[s][c] + (st.scatter[s][c] - st.residual[s][c]) * k;
+    return model;
+}
+
+// The candidate of least momentModel() (the earlier one on a tie).
 template <int NC, int NS, int N>
 GLYPTORA_HD inline int bestByMoments(const ShapeStats<NC, NS, N>& st, int count, int levels, float& bestModel) {
-    const float k = 1.0f / float((levels - 1) * (levels - 1));
     int best = 0;
     bestModel = kNoBlock;
     for (int c = 0; c < count; ++c) {
-        float model = 0.0f;
-        for (int s = 0; s < NS; ++s) model += st.residual[s][c] + (st.scatter[s][c] - st.residual[s][c]) * k;
+        const float model = momentModel<NC, NS, N>(st, c, levels);
         if (model < bestModel) {
             bestModel = model;
             best = c;

@@ -19,6 +19,13 @@ namespace stages = glyptora_internal::gpu_bc7;
 
 namespace {
 
+constexpr bool matchesStageLaunches() {
+    for (const SequenceStep& s : kBC7Sequence)
+        if (s.stage > 0 && s.launches != stages::kStageLaunches[s.stage - 1]) return false;
+    return true;
+}
+static_assert(matchesStageLaunches(), "the stage functions expect these launch counts");
+
 // The launcher with the per-block sizes of one sequence over `count` blocks.
 class Sequence : public glyptora_internal::GpuSequenceLauncher {
 public:
@@ -56,15 +63,28 @@ GpuSequenceFailure t_bc7_encode_gpu(const GpuSession& session, const GPUU8View& 
     args.out = reinterpret_cast<uint8_t*>(uintptr_t(output));
     args.count = n;
 
-    DeviceMemory opaque, best;
+    DeviceMemory opaque, best, scratch;
     if (imageHasAlpha) args.opaque = sequence.allocate<uint8_t>(opaque, 1);
     args.best = sequence.allocate<float>(best, 1);
-    for (const SequenceStep& s : kBC7Sequence) {
-        if (alphaOnlyStage(s.stage) && !imageHasAlpha) continue;
+    for (int k = 0; k < kBC7SequenceLength; ++k) {
+        const SequenceStep& s = kBC7Sequence[k];
+        if (alphaOnlyStep(k) && !imageHasAlpha) continue;
+        if (s.stage == 0) {
+            const int next = kBC7Sequence[k + 1].stage;
+            if (next == 2) {
+                sequence.fill(args.best, n);
+                continue;
+            }
+            // A group's arrays replace those of the group before, which has no more use for them.
+            scratch = DeviceMemory();
+            const int floats = stages::scratchLayout(next).floats();
+            args.scratch = sequence.allocate<float>(scratch, size_t(floats));
+            sequence.fill(args.scratch, uint64_t(n) * uint64_t(floats));
+            continue;
+        }
         for (int i = 0; i < s.launches; ++i) {
             args.index = uint32_t(i);
-            if (s.stage == 0) sequence.fill(args.best, n);
-            else sequence.stage(s.stage, args);
+            sequence.stage(s.stage, args);
         }
     }
     return sequence.failure;

@@ -20,7 +20,8 @@ inline constexpr const char* kF32ToS8 = "glyptora_g_F32ToS8";  // (GPUF32View so
 inline constexpr const char* kU8ToS8 = "glyptora_g_U8ToS8";    // (GPUU8View source, GPUS8View target)
 
 // BC7 stages (gpu/bc7_gpu_stages.h), one thread per block, 128 threads per CUDA block:
-// stage s of the sequence is kBC7Stages[s - 1]; each takes (gpu_bc7::StageArgs).
+// stage s of the sequence is kBC7Stages[s - 1]; each takes (gpu_bc7::StageArgs), whose index
+// names the shape, candidate or rotation of the launch.
 inline constexpr const char* kBC7Stages[14] = {
     "glyptora_bc7_stage1",  "glyptora_bc7_stage2",  "glyptora_bc7_stage3",  "glyptora_bc7_stage4",
     "glyptora_bc7_stage5",  "glyptora_bc7_stage6",  "glyptora_bc7_stage7",  "glyptora_bc7_stage8",
@@ -35,7 +36,7 @@ inline constexpr const char* kBC6HTexels[3] = {"glyptora_bc6h_texels_u8", "glypt
                                                "glyptora_bc6h_texels_f32"};
 inline constexpr const char* kBC6HEncode[2] = {"glyptora_bc6h_encode_unsigned", "glyptora_bc6h_encode_signed"};
 
-// The FLT_MAX fill of scratch error arrays, one thread per float, 128 threads per CUDA block.
+// The FLT_MAX fill of scratch arrays, one thread per float, 128 threads per CUDA block.
 inline constexpr const char* kFillFltMax = "glyptora_g_fill_flt_max";  // (float* values, uint64 count)
 
 }  // namespace glyptora_internal::kernel_names
