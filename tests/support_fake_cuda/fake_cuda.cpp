@@ -87,12 +87,15 @@ T parameter(void** parameters, int i) {
 }
 
 // A BC7 stage: one thread per block, 128 threads per CUDA block, output and scratch in
-// device memory (the opacity flags only where the stage reads them).
+// device memory (the opacity flags only where the stage reads them, the stage group's scratch
+// wherever it has one).
 bool runBC7Stage(FakeCudaLaunch& r, unsigned grid, unsigned threads, int stage, const gpu_bc7::StageArgs& a) {
     r.tiles = a.count;
     const bool flags = a.opaque ? isDeviceRange(a.opaque, a.count) : stage != 1;
-    return inDeviceMemory(a.view) && a.count == a.view.tileCount && flags && isDeviceRange(a.out, a.count * 16u) &&
-           isDeviceRange(a.best, a.count * sizeof(float)) &&
+    const size_t scratchFloats = size_t(a.count) * size_t(gpu_bc7::scratchLayout(stage).floats());
+    const bool scratch = scratchFloats == 0 || isDeviceRange(a.scratch, scratchFloats * sizeof(float));
+    return inDeviceMemory(a.view) && a.count == a.view.tileCount && flags && scratch &&
+           isDeviceRange(a.out, a.count * 16u) && isDeviceRange(a.best, a.count * sizeof(float)) &&
            runGrid(grid, threads, 128, a.count, [&](uint64_t t) { gpu_bc7::runStage(stage, a, uint32_t(t)); });
 }
 
