@@ -92,6 +92,18 @@ struct ClusterScan {
     uint8_t permutations[24][4];
 };
 
+// The texels a matching of partitions to clusters keeps together, at the best matching;
+// shared[p][j] counts the texels of partition p in cluster j.
+[[gnu::always_inline]] inline int bestMatching(const int shared[4][4], const ClusterScan& scan) {
+    int best = 0;
+    for (int q = 0; q < scan.permutationCount; ++q) {
+        int n = 0;
+        for (int p = 0; p < scan.k; ++p) n += shared[p][scan.permutations[q][p]];
+        best = std::max(best, n);
+    }
+    return best;
+}
+
 // Texels of the pattern's partitions that the clustering also groups together, under the
 // best matching of partitions to clusters. The last cluster's share of each partition is
 // what the others leave of the partition's valid texels.
@@ -120,13 +132,7 @@ template <typename Count>
         }
         shared[p][k - 1] = owned;
     }
-    int best = 0;
-    for (int q = 0; q < scan.permutationCount; ++q) {
-        int n = 0;
-        for (int p = 0; p < k; ++p) n += shared[p][scan.permutations[q][p]];
-        best = std::max(best, n);
-    }
-    return best;
+    return bestMatching(shared, scan);
 }
 
 // Inserts pattern `pattern` of score `s` into the shortlist of at most `size`, best first,
@@ -181,13 +187,7 @@ template <typename Count>
             }
             if (bound <= score[size - 1]) continue;
         }
-        int best = 0;
-        for (int q = 0; q < scan.permutationCount; ++q) {
-            int n = 0;
-            for (int p = 0; p < k; ++p) n += shared[p][scan.permutations[q][p]];
-            best = std::max(best, n);
-        }
-        shortlistInsert(best, &patterns[distinct[j]], size, score, listed, count);
+        shortlistInsert(bestMatching(shared, scan), &patterns[distinct[j]], size, score, listed, count);
     }
     return count;
 }
@@ -218,30 +218,6 @@ int shortlist(const AstcPartitionTable& table, const ClusterScan& scan, int size
                     : shortlistPatterns<PortableBitCount>(table, scan, size, listed);
 }
 
-// Per valid texel the sums a partition's covariance is made of: its count, its colour, the
-// rows of its colour's outer product and that product's diagonal; an invalid texel adds nothing.
-constexpr int kMoments = 7;
-struct TexelMoments {
-    // count (all lanes), RGBA, product rows R, G, B, A, diagonal; raw floats, so that the
-    // record costs nothing to declare (only the block's own texels are written and read)
-    alignas(16) float m[kMoments][kAstcMaxTexels][4];
-    Vec4f at(int j, int i) const { return Vec4f::load(m[j][i]); }
-};
-
-void texelMoments(const AstcBlockTexels& t, TexelMoments& out) {
-    for (int i = 0; i < t.texels; ++i) {
-        const Vec4f v(t.valid[i]);
-        const Vec4f colour = Vec4f(t.channel[0][i], t.channel[1][i], t.channel[2][i], t.channel[3][i]) * v;
-        v.store(out.m[0][i]);
-        colour.store(out.m[1][i]);
-        (colour * Vec4f(t.channel[0][i])).store(out.m[2][i]);
-        (colour * Vec4f(t.channel[1][i])).store(out.m[3][i]);
-        (colour * Vec4f(t.channel[2][i])).store(out.m[4][i]);
-        (colour * Vec4f(t.channel[3][i])).store(out.m[5][i]);
-        (colour * Vec4f(t.channel[0][i], t.channel[1][i], t.channel[2][i], t.channel[3][i])).store(out.m[6][i]);
-    }
-}
-
 // What one line through colours of covariance rows `c` leaves unexplained: the trace less the
 // largest eigenvalue, here the Rayleigh quotient after a few rounds of power iteration from
 // row `start` (enough to rank patterns, and cheap enough to rank many).
@@ -260,62 +236,24 @@ void texelMoments(const AstcBlockTexels& t, TexelMoments& out) {
     return residual > 0.0f ? residual : 0.0f;
 }
 
-// The covariance of the colours whose moment sums are `sum` (see TexelMoments), with their
-// count, its trace and its row of largest diagonal.
+// The covariance of one partition's colours, with their count, its trace and its row of
+// largest diagonal.
 struct PartitionCovariance {
     Vec4f rows[4];
     float n = 0.0f, trace = 0.0f;
     int start = 0;
 
-    // At most the residual: the largest eigenvalue is at most the Frobenius norm.
-    float residualBound() const {
-        const float norm2 = glyptora_simd::dot4(rows[0], rows[0]) + glyptora_simd::dot4(rows[1], rows[1]) +
-                            glyptora_simd::dot4(rows[2], rows[2]) + glyptora_simd::dot4(rows[3], rows[3]);
-        const float bound = trace - std::sqrt(norm2);
-        return n * (bound > 0.0f ? bound : 0.0f);
-    }
     // What one line leaves of the colours, summed over the texels.
     float residual() const { return n * quickLineResidual(rows, trace, start); }
 };
-
-[[gnu::always_inline]] inline PartitionCovariance covarianceOfSums(const Vec4f sum[kMoments]) {
-    PartitionCovariance c;
-    alignas(16) float count[4], diagonal[4];
-    sum[0].store(count);
-    if (count[0] < 2.0f) return c;
-    c.n = count[0];
-    // An exact reciprocal here: the covariance is a difference of near-equal terms.
-    const Vec4f inverse = Vec4f(1.0f) / sum[0], mean = sum[1] * inverse;
-    c.rows[0] = sum[2] * inverse - mean * mean.splat<0>();
-    c.rows[1] = sum[3] * inverse - mean * mean.splat<1>();
-    c.rows[2] = sum[4] * inverse - mean * mean.splat<2>();
-    c.rows[3] = sum[5] * inverse - mean * mean.splat<3>();
-    (sum[6] * inverse - mean * mean).store(diagonal);
-    for (int k = 1; k < 4; ++k)
-        if (diagonal[k] > diagonal[c.start]) c.start = k;
-    c.trace = diagonal[0] + diagonal[1] + diagonal[2] + diagonal[3];
-    return c;
-}
-
-// What one line per partition leaves of the valid texels' colours (sum over texels).
-float lineResidual(const AstcBlockTexels& t, const TexelMoments& moments, const AstcPartitionPattern& pattern, int k) {
-    Vec4f sum[4][kMoments];
-    for (int i = 0; i < t.texels; ++i) {
-        Vec4f* s = sum[pattern.partitionOf[i]];
-        for (int j = 0; j < kMoments; ++j) s[j] += moments.at(j, i);
-    }
-    float total = 0.0f;
-    for (int p = 0; p < k; ++p) total += covarianceOfSums(sum[p]).residual();
-    return total;
-}
 
 // Footprints up to this many texels may rank every distinct two-partition pattern; on larger
 // ones that gains little over the shortlist.
 constexpr int kEveryPatternTexels = 20;
 
-// One texel's moment sums packed in four vectors: count, R, G, B | A, RR, RG, RB |
-// RA, GG, GB, GA | BB, BA, AA, 0 (each product a colour times a channel, as TexelMoments
-// forms them, so that a partition's sums are the same numbers in either form).
+// Per texel the sums a partition's covariance is made of, packed in four vectors: count, R,
+// G, B | A, RR, RG, RB | RA, GG, GB, GA | BB, BA, AA, 0 (the products of the valid texels'
+// colours; an invalid texel, or one past the footprint, adds nothing).
 constexpr int kPacked = 4;
 constexpr int kPackedScalars = 16;
 // Where each covariance entry (row, column) reads its product sum, and each channel its
@@ -323,8 +261,22 @@ constexpr int kPackedScalars = 16;
 constexpr int kProductAt[4][4] = {{5, 6, 7, 8}, {6, 9, 10, 11}, {7, 10, 12, 13}, {8, 11, 13, 14}};
 constexpr int kColourAt[4] = {1, 2, 3, 4};
 
+void packTexel(const AstcBlockTexels& t, int i, Vec4f rows[kPacked]) {
+    if (i >= t.texels) {
+        for (int r = 0; r < kPacked; ++r) rows[r] = Vec4f();
+        return;
+    }
+    const float v = t.valid[i], R = t.channel[0][i], G = t.channel[1][i], B = t.channel[2][i], A = t.channel[3][i];
+    alignas(16) float c[4];
+    (Vec4f(R, G, B, A) * Vec4f(v)).store(c);
+    rows[0] = Vec4f(v, c[0], c[1], c[2]);
+    rows[1] = Vec4f(c[3], c[0] * R, c[1] * R, c[2] * R);
+    rows[2] = Vec4f(c[3] * R, c[1] * G, c[2] * G, c[3] * G);
+    rows[3] = Vec4f(c[2] * B, c[3] * B, c[3] * A, 0.0f);
+}
+
 // The covariances of four partitions at once, one per lane, from their packed sums (one
-// vector per packed scalar): the same arithmetic as covarianceOfSums, lane by lane.
+// vector per packed scalar).
 struct FourCovariances {
     Vec4f n, cov[4][4], trace, bound;
 
@@ -343,6 +295,16 @@ struct FourCovariances {
         const Vec4f enough = glyptora_simd::cmpLessEqual(Vec4f(2.0f), n);
         bound = glyptora_simd::select(enough, n * glyptora_simd::max(trace - glyptora_simd::sqrt(norm2), Vec4f()),
                                       Vec4f());
+    }
+
+    // From the packed sums of four partitions, [row][partition] (transposed in place).
+    static FourCovariances ofPartitions(Vec4f packed[kPacked][4]) {
+        Vec4f sums[kPackedScalars];
+        for (int r = 0; r < kPacked; ++r) {
+            glyptora_simd::transpose4(packed[r][0], packed[r][1], packed[r][2], packed[r][3]);
+            for (int k = 0; k < 4; ++k) sums[r * 4 + k] = packed[r][k];
+        }
+        return FourCovariances(sums);
     }
 
     // Lane `l` as one PartitionCovariance.
@@ -370,21 +332,7 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
     Vec4f texel[4][kPacked], total[kPackedScalars];
     const int groups = (t.texels + 3) / 4;
     for (int g = 0; g < groups; ++g) {
-        for (int b = 0; b < 4; ++b) {
-            const int i = g * 4 + b;
-            if (i >= t.texels) {
-                for (int r = 0; r < kPacked; ++r) texel[b][r] = Vec4f();
-                continue;
-            }
-            const float v = t.valid[i], R = t.channel[0][i], G = t.channel[1][i], B = t.channel[2][i],
-                        A = t.channel[3][i];
-            alignas(16) float c[4];
-            (Vec4f(R, G, B, A) * Vec4f(v)).store(c);
-            texel[b][0] = Vec4f(v, c[0], c[1], c[2]);
-            texel[b][1] = Vec4f(c[3], c[0] * R, c[1] * R, c[2] * R);
-            texel[b][2] = Vec4f(c[3] * R, c[1] * G, c[2] * G, c[3] * G);
-            texel[b][3] = Vec4f(c[2] * B, c[3] * B, c[3] * A, 0.0f);
-        }
+        for (int b = 0; b < 4; ++b) packTexel(t, g * 4 + b, texel[b]);
         for (int mask = 0; mask < 16; ++mask)
             for (int r = 0; r < kPacked; ++r) {
                 Vec4f sum;
@@ -420,13 +368,11 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
             }
             for (int r = 0; r < kPacked; ++r) packed[r][l] = sum[r];
         }
-        Vec4f firstSums[kPackedScalars], secondSums[kPackedScalars];
-        for (int r = 0; r < kPacked; ++r) {
-            glyptora_simd::transpose4(packed[r][0], packed[r][1], packed[r][2], packed[r][3]);
-            for (int k = 0; k < 4; ++k) firstSums[r * 4 + k] = packed[r][k];
-        }
-        for (int k = 0; k < kPackedScalars; ++k) secondSums[k] = total[k] - firstSums[k];
-        const FourCovariances a(firstSums), b(secondSums);
+        const FourCovariances a = FourCovariances::ofPartitions(packed);
+        Vec4f secondSums[kPackedScalars];
+        for (int r = 0; r < kPacked; ++r)
+            for (int k = 0; k < 4; ++k) secondSums[r * 4 + k] = total[r * 4 + k] - packed[r][k];
+        const FourCovariances b(secondSums);
         alignas(16) float bounds[4];
         (a.bound + b.bound).store(bounds);
         for (int l = 0; l < lanes; ++l) {
@@ -443,6 +389,21 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
     return count;
 }
 
+// What one line per partition leaves of the valid texels' colours (sum over texels), from
+// the block's packed texel sums; the partitions take the lanes of one FourCovariances.
+float lineResidual(const AstcBlockTexels& t, const float packedTexels[][kPacked][4], const AstcPartitionPattern& pattern,
+                   int k) {
+    Vec4f sum[kPacked][4];  // [row][partition]
+    for (int i = 0; i < t.texels; ++i) {
+        const int p = pattern.partitionOf[i];
+        for (int r = 0; r < kPacked; ++r) sum[r][p] += Vec4f::load(packedTexels[i][r]);
+    }
+    const FourCovariances c = FourCovariances::ofPartitions(sum);
+    float total = 0.0f;
+    for (int p = 0; p < k; ++p) total += c.lane(p).residual();
+    return total;
+}
+
 }  // namespace
 
 int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTable& table, int partitionCount,
@@ -452,8 +413,13 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     if (keep <= 0 || patterns.empty() || texels.validCount < partitionCount) return 0;
     if (rankEveryPattern && partitionCount == 2 && texels.texels <= kEveryPatternTexels)
         return rankEveryTwoPartitionPattern(texels, table, keep, out);
-    TexelMoments moments;
-    texelMoments(texels, moments);
+    // Raw floats: only the block's own texels are written and read (no table-wide zeroing).
+    alignas(16) float packedTexels[kAstcMaxTexels][kPacked][4];
+    for (int i = 0; i < texels.texels; ++i) {
+        Vec4f rows[kPacked];
+        packTexel(texels, i, rows);
+        for (int r = 0; r < kPacked; ++r) rows[r].store(packedTexels[i][r]);
+    }
     ClusterScan scan;
     const int k = scan.k = partitionCount;
     scan.words = (texels.texels + 63) / 64;
@@ -477,7 +443,7 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     const int listedCount = shortlist(table, scan, k == 2 ? kMaxShortlist : 8 + 4 * keep, listed);
     float residual[kMaxShortlist];
     int rank[kMaxShortlist];
-    for (int j = 0; j < listedCount; ++j) residual[j] = lineResidual(texels, moments, *listed[j], k), rank[j] = j;
+    for (int j = 0; j < listedCount; ++j) residual[j] = lineResidual(texels, packedTexels, *listed[j], k), rank[j] = j;
     std::stable_sort(rank, rank + listedCount, [&](int a, int b) { return residual[a] < residual[b]; });
     const int kept = std::min(keep, listedCount);
     for (int j = 0; j < kept; ++j) out[j] = listed[rank[j]];
