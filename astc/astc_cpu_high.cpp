@@ -21,6 +21,7 @@ constexpr int kFourPartitionArea = 36;
 constexpr int kTwoPartitionDualPlaneArea = 20;
 constexpr int kWideFitsAreaLevel2 = 64;
 constexpr int kLevel2WideFits = 24;
+constexpr int kReferenceGridSide = 5;
 
 // Full fits per search and weight refits of the winner: level 2, level 3 on footprints below 25
 // texels, level 3 from 5x5 up (which have the time for many more partitioned and dual-plane
@@ -67,6 +68,11 @@ astc_cpu_high::astc_cpu_high(const AstcEncoderInput& input, int level)
     AstcTileIndex(input.blockWidth, input.blockHeight, m_footprint);
     m_widths[0] = m_level == 3 ? 2 : 1;
     m_widths[1] = m_level == 3 ? 4 : 1;
+    // From 6x6 up, partitionings are ranked with what a grid of at most 5x5 points loses of
+    // their weights: the grids that partitioned modes can afford there are about that size.
+    if (input.blockWidth * input.blockHeight >= kFourPartitionArea)
+        m_referenceGrid = AstcGridSize{std::min(input.blockWidth, kReferenceGridSide),
+                                       std::min(input.blockHeight, kReferenceGridSide)};
     const double area = double(input.blockWidth * input.blockHeight);
     m_thresholds[0] = (area * 0.001) * (area * 0.001);
     m_thresholds[1] = (area * 0.008) * (area * 0.008);
@@ -121,7 +127,8 @@ void astc_cpu_high::partitionPass(const std::vector<uint32_t>& blocks, int parti
         const int width = wide && state.bestError > m_thresholds[1] ? m_widths[1] : m_widths[0];
         const AstcPartitionPattern* candidates[8];
         // Level 3 ranks every pattern where that is affordable; level 2 keeps to its shortlist.
-        const int count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates, m_level == 3);
+        const int count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates, m_level == 3,
+                                                  m_referenceGrid.width > 0 ? &m_referenceGrid : nullptr);
         const AstcSearchSettings settings = highSettings(texels.hasAlpha, fits, effort.refineRounds);
         AstcSearchResult result;
         result.error = state.bestError;

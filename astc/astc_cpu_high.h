@@ -11,6 +11,7 @@
 #include "astc/astc_cpu_level1.h"
 #include "astc/infill_database.h"
 #include "astc/mode_groups.h"
+#include "astc/partition_selection.h"
 #include "astc/partition_table.h"
 
 namespace glyptora_astc {
@@ -47,6 +48,7 @@ private:
     int m_effort = 0;  // row of the effort table: level 2, level 3 small, level 3 large
     InfillMatDataBase m_infill;
     AstcPartitionTable m_partitions;
+    AstcGridSize m_referenceGrid;
     int m_widths[2];
     double m_thresholds[2];  // (A x 0.001)^2, (A x 0.008)^2
 };

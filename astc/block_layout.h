@@ -42,15 +42,26 @@ GLYPTORA_HD inline int astcExtraCemBits(int partitionCount, bool sharedMode) {
     return partitionCount == 1 || sharedMode ? 0 : 3 * partitionCount - 4;
 }
 
+// Bits the layout leaves the colour values (negative when the weights take too many).
+GLYPTORA_HD inline int astcColourBitsAvailable(int partitionCount, int extraCemBits, bool dualPlane, int weightBits) {
+    return 128 - weightBits - (partitionCount == 1 ? 17 : 29) - extraCemBits - (dualPlane ? 2 : 0);
+}
+
+// The largest colour range whose sequence of `valueCount` values fits `available` bits; -1
+// when there are more than 18 values or not even 6 levels fit.
+GLYPTORA_HD inline int astcColourRangeForBits(int available, int valueCount) {
+    if (valueCount > kAstcMaxColourValues) return -1;
+    for (int r = kAstcRangeCount - 1; r >= 4; --r)
+        if (astcSequenceBits(astcRangeFormat(r), valueCount) <= available) return r;
+    return -1;
+}
+
 // The largest colour range whose sequence of `valueCount` values fits the bits the layout
 // leaves; -1 when there are more than 18 values or not even 6 levels fit.
 GLYPTORA_HD inline int astcColourRange(int partitionCount, int extraCemBits, bool dualPlane, int weightBits,
                                        int valueCount) {
-    if (valueCount > kAstcMaxColourValues) return -1;
-    const int available = 128 - weightBits - (partitionCount == 1 ? 17 : 29) - extraCemBits - (dualPlane ? 2 : 0);
-    for (int r = kAstcRangeCount - 1; r >= 4; --r)
-        if (astcSequenceBits(astcRangeFormat(r), valueCount) <= available) return r;
-    return -1;
+    return astcColourRangeForBits(astcColourBitsAvailable(partitionCount, extraCemBits, dualPlane, weightBits),
+                                  valueCount);
 }
 
 // Whether the partitions' endpoint modes can be stored: one shared mode, or modes whose

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "astc/block_layout.h"
+#include "astc/colour_range_lookup.h"
 #include "astc/colour_statistics.h"
 #include "astc/content_endpoints.h"
 #include "astc/endpoint_encoding.h"
@@ -23,8 +24,8 @@ constexpr int kMaxEndpointModes = 4;
 
 // Colour range that `partitions` pairs of endpoint mode `cem` get beside the weights.
 int partitionedColourRange(const AstcModeInfo& info, int partitions, int cem) {
-    return astcColourRange(partitions, 0, info.mode.dualPlane, info.weightBits,
-                           partitions * astcEndpointValueCount(cem));
+    return astcColourRangeLookup(partitions, 0, info.mode.dualPlane, info.weightBits,
+                                 partitions * astcEndpointValueCount(cem));
 }
 
 }  // namespace
@@ -222,7 +223,7 @@ bool AstcPartitionSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill
             }
             bool shared = true;
             if (!astcEndpointModesStorable(m_count, cems, shared) || (pass == 1 && shared)) continue;
-            const int range = astcColourRange(m_count, astcExtraCemBits(m_count, shared), info.mode.dualPlane,
+            const int range = astcColourRangeLookup(m_count, astcExtraCemBits(m_count, shared), info.mode.dualPlane,
                                               info.weightBits, astcColourValueCount(m_count, cems));
             if (range < 0) continue;
             float lower = 0.0f;

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "astc/dual_plane_choice.h"
+#include "astc/weight_spectrum.h"
 #include "core/vec4.h"
 
 namespace glyptora_astc {
@@ -278,11 +279,10 @@ void packTexel(const AstcBlockTexels& t, int i, Vec4f rows[kPacked]) {
 // The covariances of four partitions at once, one per lane, from their packed sums (one
 // vector per packed scalar).
 struct FourCovariances {
-    Vec4f n, cov[4][4], trace, bound;
+    Vec4f n, mean[4], cov[4][4], trace, bound;
 
     explicit FourCovariances(const Vec4f sums[kPackedScalars]) : n(sums[0]) {
         const Vec4f inverse = Vec4f(1.0f) / n;
-        Vec4f mean[4];
         for (int c = 0; c < 4; ++c) mean[c] = sums[kColourAt[c]] * inverse;
         Vec4f norm2;
         for (int r = 0; r < 4; ++r)
@@ -389,25 +389,122 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
     return count;
 }
 
-// What one line per partition leaves of the valid texels' colours (sum over texels), from
-// the block's packed texel sums; the partitions take the lanes of one FourCovariances.
-float lineResidual(const AstcBlockTexels& t, const float packedTexels[][kPacked][4], const AstcPartitionPattern& pattern,
-                   int k) {
+// How much the reference grid's loss counts beside the line residual: measured (0.25 ranks best
+// at 6x6 to 12x12; the refits of a full search recover much of what the spectrum says is lost).
+constexpr float kGridLossWeight = 0.25f;
+
+// The direction of one partition's colours (unit length; zero without spread), by power
+// iteration from its row of largest diagonal.
+Vec4f principalDirection(const PartitionCovariance& c) {
+    if (!(c.trace > 0.0f)) return Vec4f();
+    Vec4f v = c.rows[c.start];
+    for (int round = 0; round < 4; ++round) {
+        v = c.rows[0] * v.splat<0>() + c.rows[1] * v.splat<1>() + c.rows[2] * v.splat<2>() + c.rows[3] * v.splat<3>();
+        const float vv = glyptora_simd::dot4(v, v);
+        if (!(vv > 1e-30f)) return Vec4f();
+        v = v * Vec4f(1.0f / std::sqrt(vv));
+    }
+    return v;
+}
+
+// What a `grid` of weights cannot hold of the pattern's, in colour: each texel's weight is its
+// position along its partition's direction between the partition's extremes; the energy of
+// those weights above the grid's frequencies is lost, at the texels' mean squared span. One
+// line per partition explains colours that a grid coarser than the footprint may still be
+// unable to draw: a partition holding both sides of a sharp edge needs a weight step the grid
+// smooths away.
+float gridLoss(const AstcBlockTexels& t, const AstcPartitionPattern& pattern, int k, const FourCovariances& c,
+               const AstcGridSize& grid) {
+    float direction[4][4], mean[4][4];
+    for (int p = 0; p < k; ++p) {
+        principalDirection(c.lane(p)).store(direction[p]);
+        for (int ch = 0; ch < 4; ++ch) mean[p][ch] = c.mean[ch][p];
+    }
+    // Each texel's position along its partition's direction, four texels at a time, with the
+    // extremes of each partition over its valid texels.
+    const Vec4f far(1e30f);
+    Vec4f lo[4] = {far, far, far, far}, hi[4] = {-far, -far, -far, -far};
+    alignas(16) float u[kAstcMaxTexels];
+    for (int i = 0; i < t.padded; i += 4) {
+        const uint8_t* of = pattern.partitionOf + i;
+        const Vec4f partition{float(of[0]), float(of[1]), float(of[2]), float(of[3])};
+        const Vec4f valid = glyptora_simd::cmpGreater(Vec4f::load(t.valid + i), Vec4f());
+        Vec4f position;
+        for (int p = 0; p < k; ++p) {
+            Vec4f along;
+            for (int ch = 0; ch < 4; ++ch)
+                along += (Vec4f::load(t.channel[ch] + i) - Vec4f(mean[p][ch])) * Vec4f(direction[p][ch]);
+            const Vec4f in = glyptora_simd::cmpEqual(partition, Vec4f(float(p)));
+            position = glyptora_simd::select(in, along, position);
+            const Vec4f counted = glyptora_simd::select(in, valid, Vec4f());
+            lo[p] = glyptora_simd::min(lo[p], glyptora_simd::select(counted, along, far));
+            hi[p] = glyptora_simd::max(hi[p], glyptora_simd::select(counted, along, -far));
+        }
+        position.store(u + i);
+    }
+    // Positions to weights 0..1 between the extremes; the spans weigh what the grid loses.
+    alignas(16) float low[4] = {}, scale[4] = {};
+    float spanSquared = 0.0f;
+    for (int p = 0; p < k; ++p) {
+        alignas(16) float l[4], h[4];
+        lo[p].store(l), hi[p].store(h);
+        low[p] = std::min(std::min(l[0], l[1]), std::min(l[2], l[3]));
+        const float high = std::max(std::max(h[0], h[1]), std::max(h[2], h[3]));
+        const float span = high > low[p] ? high - low[p] : 0.0f;
+        scale[p] = span > 0.0f ? 1.0f / span : 0.0f;
+        spanSquared += c.n[p] * span * span;
+    }
+    for (int i = 0; i < t.texels; ++i) {
+        const int p = pattern.partitionOf[i];
+        u[i] = std::clamp((u[i] - low[p]) * scale[p], 0.0f, 1.0f);
+    }
+    for (int i = t.texels; i < t.padded; ++i) u[i] = 0.0f;
+    astcExtendFromValidTexels(t, u);
+    return kGridLossWeight * AstcWeightSpectrum::lostEnergyOf(u, t.blockWidth, t.blockHeight, grid.width, grid.height) *
+           spanSquared / float(t.validCount);
+}
+
+// The covariances of the pattern's partitions from the block's packed texel sums, one
+// partition per lane.
+FourCovariances partitionCovariances(const AstcBlockTexels& t, const float packedTexels[][kPacked][4],
+                                     const AstcPartitionPattern& pattern) {
     Vec4f sum[kPacked][4];  // [row][partition]
     for (int i = 0; i < t.texels; ++i) {
         const int p = pattern.partitionOf[i];
         for (int r = 0; r < kPacked; ++r) sum[r][p] += Vec4f::load(packedTexels[i][r]);
     }
-    const FourCovariances c = FourCovariances::ofPartitions(sum);
+    return FourCovariances::ofPartitions(sum);
+}
+
+// What one line per partition leaves of the valid texels' colours (sum over texels).
+float lineResidual(const FourCovariances& c, int k) {
     float total = 0.0f;
     for (int p = 0; p < k; ++p) total += c.lane(p).residual();
     return total;
 }
 
+// Ranks the shortlist by line residual, or with a reference grid by line residual plus what
+// the grid loses; writes the `keep` best to `out`, earlier entries first among equals.
+int rankShortlist(const AstcBlockTexels& t, const float packedTexels[][kPacked][4], const AstcPartitionPattern** listed,
+                  int listedCount, int k, int keep, const AstcGridSize* grid, const AstcPartitionPattern** out) {
+    float score[kMaxShortlist];
+    int rank[kMaxShortlist];
+    for (int j = 0; j < listedCount; ++j) {
+        const FourCovariances c = partitionCovariances(t, packedTexels, *listed[j]);
+        score[j] = lineResidual(c, k) + (grid != nullptr ? gridLoss(t, *listed[j], k, c, *grid) : 0.0f);
+        rank[j] = j;
+    }
+    std::stable_sort(rank, rank + listedCount, [&](int a, int b) { return score[a] < score[b]; });
+    const int kept = std::min(keep, listedCount);
+    for (int j = 0; j < kept; ++j) out[j] = listed[rank[j]];
+    return kept;
+}
+
 }  // namespace
 
 int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTable& table, int partitionCount,
-                            int keep, const AstcPartitionPattern** out, bool rankEveryPattern) {
+                            int keep, const AstcPartitionPattern** out, bool rankEveryPattern,
+                            const AstcGridSize* referenceGrid) {
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(partitionCount);
     keep = std::min(keep, 8);
     if (keep <= 0 || patterns.empty() || texels.validCount < partitionCount) return 0;
@@ -440,14 +537,8 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     const AstcPartitionPattern* listed[kMaxShortlist];
     // Two partitions: many patterns ranked by their residual; more partitions: fewer, since
     // agreeing with a clustering into more groups already says more.
-    const int listedCount = shortlist(table, scan, k == 2 ? kMaxShortlist : 8 + 4 * keep, listed);
-    float residual[kMaxShortlist];
-    int rank[kMaxShortlist];
-    for (int j = 0; j < listedCount; ++j) residual[j] = lineResidual(texels, packedTexels, *listed[j], k), rank[j] = j;
-    std::stable_sort(rank, rank + listedCount, [&](int a, int b) { return residual[a] < residual[b]; });
-    const int kept = std::min(keep, listedCount);
-    for (int j = 0; j < kept; ++j) out[j] = listed[rank[j]];
-    return kept;
+    const int listedCount = shortlist(table, scan, k == 2 ? kMaxShortlist : std::min(8 + 4 * keep, kMaxShortlist), listed);
+    return rankShortlist(texels, packedTexels, listed, listedCount, k, keep, referenceGrid, out);
 }
 
 }  // namespace glyptora_astc

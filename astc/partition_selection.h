@@ -8,11 +8,18 @@
 
 namespace glyptora_astc {
 
+struct AstcGridSize {
+    int width = 0, height = 0;
+};
+
 // Writes the `keep` (at most 8) best patterns with `partitionCount` partitions to `out`,
 // best first; returns how many there are. With `rankEveryPattern`, small footprints (4x4, 5x4)
 // rank every distinct two-partition pattern by line residual rather than a shortlist of those
 // that agree with a clustering: better choices (+0.06 dB at 4x4) for about a third more time.
+// With `referenceGrid`, the shortlist is ranked by what one line per
+// partition and that weight grid together leave.
 int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTable& table, int partitionCount,
-                            int keep, const AstcPartitionPattern** out, bool rankEveryPattern = true);
+                            int keep, const AstcPartitionPattern** out, bool rankEveryPattern = true,
+                            const AstcGridSize* referenceGrid = nullptr);
 
 }  // namespace glyptora_astc

@@ -64,4 +64,33 @@ void AstcWeightSpectrum::compute(const float* u, int bw, int bh) {
         }
 }
 
+float AstcWeightSpectrum::lostEnergyOf(const float* u, int bw, int bh, int gw, int gh) {
+    const CosineBases& b = bases();
+    const int across = (gw + 3) / 4;
+    Vec4f total;
+    for (int i = 0; i + 4 <= bw * bh; i += 4) total += Vec4f::load(u + i) * Vec4f::load(u + i);
+    float energy = glyptora_simd::horizontalSum(total);
+    for (int i = bw * bh & ~3; i < bw * bh; ++i) energy += u[i] * u[i];
+    Vec4f kept;
+    for (int kx = 0; kx < across; ++kx) {
+        // Frequencies across at or past the grid's width hold nothing the grid keeps.
+        alignas(16) float lane[4];
+        for (int l = 0; l < 4; ++l) lane[l] = 4 * kx + l < gw ? 1.0f : 0.0f;
+        const Vec4f inside = Vec4f::load(lane);
+        Vec4f rows[12];
+        for (int y = 0; y < bh; ++y) {
+            Vec4f sum;
+            for (int x = 0; x < bw; ++x) sum += Vec4f(u[y * bw + x]) * Vec4f::load(&b.basis[bw][x][4 * kx]);
+            rows[y] = sum * inside;
+        }
+        for (int ky = 0; ky < gh; ++ky) {
+            Vec4f column;
+            for (int y = 0; y < bh; ++y) column += rows[y] * Vec4f(b.basis[bh][y][ky]);
+            kept += column * column;
+        }
+    }
+    const float lost = energy - glyptora_simd::horizontalSum(kept);
+    return lost > 0.0f ? lost : 0.0f;
+}
+
 }  // namespace glyptora_astc

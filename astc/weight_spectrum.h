@@ -15,6 +15,9 @@ public:
     // Energy (sum of squares over the texels) that a gridWidth x gridHeight grid cannot hold.
     float lostEnergy(int gridWidth, int gridHeight) const { return m_total - m_kept[gridHeight - 1][gridWidth - 1]; }
 
+    // The same for one grid without the whole transform: only the frequencies it keeps.
+    static float lostEnergyOf(const float* u, int blockWidth, int blockHeight, int gridWidth, int gridHeight);
+
 private:
     float m_total = 0.0f;
     float m_kept[12][12] = {};  // [rows - 1][columns - 1]: energy of the lowest frequencies
