@@ -2,41 +2,48 @@
 
 #include "astc/content_endpoints.h"
 #include "astc/weight_quantization.h"
+#include "core/vec4.h"
 
 namespace glyptora_astc {
 
 namespace {
 
+using glyptora_simd::Vec4f;
+
 constexpr int kRounds = 2;
 
 struct Polish {
+    Polish(const AstcBlockTexels& t, const AstcGridInfill& g) : texels(t), grid(g) {}
+
     const AstcBlockTexels& texels;
     const AstcGridInfill& grid;
     int planes = 1;
     int channel = -1;          // the channel of the second plane
-    float from[4][4], to[4][4];  // decoded endpoints per partition, weighted space
+    alignas(16) float from[4][4], to[4][4];  // decoded endpoints per partition, weighted space
     uint8_t partition[kAstcMaxTexels] = {};
     int level[2][64] = {};         // per plane and grid point: level index
     int gridWeight[2][64] = {};    // its weight 0..64
     int texelWeight[2][kAstcMaxTexels] = {};
+    // The decoder's infill sum before its shift: 8 + the sum of grid weight x tap factor (an
+    // identity grid taps its own point at 16).
+    int infillSum[2][kAstcMaxTexels] = {};
 
-    int infill(int plane, int t) const {
-        if (grid.identity) return gridWeight[plane][t];
-        int sum = 8;
-        for (int k = 0; k < 4; ++k) sum += gridWeight[plane][grid.tapIndex[t * 4 + k]] * grid.tapFactor[t * 4 + k];
-        return sum >> 4;
-    }
+    // The texel's squared distance from its colour on its partition's segment at weights w1
+    // (w2 for the second plane's channel), 0..64; invalid texels count nothing. The channels
+    // go side by side and their squares add in channel order.
     float error(int t, int w1, int w2) const {
         if (texels.valid[t] == 0.0f) return 0.0f;
         const int p = partition[t];
-        float e = 0.0f;
-        for (int c = 0; c < 4; ++c) {
-            const float w = float(c == channel ? w2 : w1) * (1.0f / 64.0f);
-            const float d = texels.channel[c][t] - (from[p][c] + (to[p][c] - from[p][c]) * w);
-            e += d * d;
-        }
-        return e;
+        const Vec4f w = glyptora_simd::select(secondPlane, Vec4f(float(w2) * (1.0f / 64.0f)),
+                                              Vec4f(float(w1) * (1.0f / 64.0f)));
+        const Vec4f d = colour[t] - (start[p] + direction[p] * w);
+        alignas(16) float e[4];
+        (d * d).store(e);
+        return ((e[0] + e[1]) + e[2]) + e[3];
     }
+    Vec4f colour[kAstcMaxTexels];
+    Vec4f start[4], direction[4];  // per partition: from, to - from
+    Vec4f secondPlane;             // lane mask of `channel`
 };
 
 }  // namespace
@@ -44,7 +51,7 @@ struct Polish {
 float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& grid, const AstcBlockContent& content,
                         const uint8_t* partitionOf, const float weights[4], AstcBlockContent& polished,
                         float out[2][64]) {
-    Polish s{texels, grid, 1, -1, {}, {}};
+    Polish s(texels, grid);
     s.planes = content.mode.dualPlane ? 2 : 1;
     s.channel = content.mode.dualPlane ? content.planeTwoComponent : -1;
     uint8_t endpoints[2][4][4] = {};
@@ -54,6 +61,15 @@ float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& gri
             s.from[p][c] = float(endpoints[0][p][c]) * weights[c] / 255.0f;
             s.to[p][c] = float(endpoints[1][p][c]) * weights[c] / 255.0f;
         }
+    for (int p = 0; p < content.partitionCount; ++p) {
+        s.start[p] = Vec4f::load(s.from[p]);
+        s.direction[p] = Vec4f::load(s.to[p]) - s.start[p];
+    }
+    for (int t = 0; t < texels.texels; ++t)
+        s.colour[t] = Vec4f(texels.channel[0][t], texels.channel[1][t], texels.channel[2][t], texels.channel[3][t]);
+    alignas(16) float lane[4] = {};
+    if (s.channel >= 0) lane[s.channel] = 1.0f;
+    s.secondPlane = glyptora_simd::cmpGreater(Vec4f::load(lane), Vec4f());
     if (partitionOf)
         for (int t = 0; t < texels.texels; ++t) s.partition[t] = partitionOf[t];
     const AstcWeightQuantizer& quantizer = astcWeightQuantizer(content.mode.weightRange);
@@ -64,51 +80,69 @@ float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& gri
             s.gridWeight[plane][g] = w;
             s.level[plane][g] = quantizer.levelOf(w);
         }
-    for (int plane = 0; plane < s.planes; ++plane)
-        for (int t = 0; t < texels.texels; ++t) s.texelWeight[plane][t] = s.infill(plane, t);
-
-    // The texels each grid point reaches.
-    uint8_t reach[64][kAstcMaxTexels];
+    // The texels each grid point reaches, with the factor it reaches each by.
+    uint8_t reach[64][kAstcMaxTexels], reachFactor[64][kAstcMaxTexels];
     int reachCount[64] = {};
     for (int t = 0; t < texels.texels; ++t) {
         if (grid.identity) {
+            reachFactor[t][reachCount[t]] = 16;
             reach[t][reachCount[t]++] = uint8_t(t);
             continue;
         }
         for (int k = 0; k < 4; ++k) {
-            const int g = grid.tapIndex[t * 4 + k];
-            if (grid.tapFactor[t * 4 + k] && (reachCount[g] == 0 || reach[g][reachCount[g] - 1] != t))
-                reach[g][reachCount[g]++] = uint8_t(t);
+            const int g = grid.tapIndex[t * 4 + k], factor = grid.tapFactor[t * 4 + k];
+            if (factor == 0) continue;
+            if (reachCount[g] > 0 && reach[g][reachCount[g] - 1] == t) {
+                reachFactor[g][reachCount[g] - 1] += uint8_t(factor);
+                continue;
+            }
+            reachFactor[g][reachCount[g]] = uint8_t(factor);
+            reach[g][reachCount[g]++] = uint8_t(t);
         }
     }
+    for (int plane = 0; plane < s.planes; ++plane) {
+        for (int t = 0; t < texels.texels; ++t) s.infillSum[plane][t] = 8;
+        for (int g = 0; g < grid.points; ++g)
+            for (int r = 0; r < reachCount[g]; ++r) s.infillSum[plane][reach[g][r]] += s.gridWeight[plane][g] * reachFactor[g][r];
+        for (int t = 0; t < texels.texels; ++t) s.texelWeight[plane][t] = s.infillSum[plane][t] >> 4;
+    }
+    // Each texel's error at its current weights, kept up to date as grid points move.
+    float texelError[kAstcMaxTexels];
+    for (int t = 0; t < texels.texels; ++t)
+        texelError[t] = s.error(t, s.texelWeight[0][t], s.planes == 2 ? s.texelWeight[1][t] : 0);
     float change = 0.0f;
-    int trial[kAstcMaxTexels];
+    int trial[2][kAstcMaxTexels];        // per step: the reached texels' weights
+    float trialError[2][kAstcMaxTexels];  // and their errors
     for (int round = 0; round < kRounds; ++round) {
         bool movedThisRound = false;
         for (int plane = 0; plane < s.planes; ++plane)
             for (int g = 0; g < grid.points; ++g) {
                 const int current = s.level[plane][g];
                 float bestDelta = 0.0f;
-                int bestLevel = current;
-                for (int step = -1; step <= 1; step += 2) {
-                    const int k = current + step;
+                int bestLevel = current, bestStep = 0;
+                for (int step = 0; step < 2; ++step) {
+                    const int k = current + (step == 0 ? -1 : 1);
                     if (k < 0 || k >= levels) continue;
-                    s.gridWeight[plane][g] = quantizer.levelWeight(k);
+                    const int shift = quantizer.levelWeight(k) - s.gridWeight[plane][g];
                     float delta = 0.0f;
                     for (int r = 0; r < reachCount[g]; ++r) {
                         const int t = reach[g][r];
-                        trial[r] = s.infill(plane, t);
+                        const int w = trial[step][r] = (s.infillSum[plane][t] + shift * reachFactor[g][r]) >> 4;
                         const int other = s.planes == 2 ? s.texelWeight[1 - plane][t] : 0;
-                        const int w1 = plane == 0 ? trial[r] : other, w2 = plane == 0 ? other : trial[r];
-                        const int o1 = s.texelWeight[0][t], o2 = s.planes == 2 ? s.texelWeight[1][t] : 0;
-                        delta += s.error(t, w1, w2) - s.error(t, o1, o2);
+                        const float e = trialError[step][r] = s.error(t, plane == 0 ? w : other, plane == 0 ? other : w);
+                        delta += e - texelError[t];
                     }
-                    if (delta < bestDelta) bestDelta = delta, bestLevel = k;
+                    if (delta < bestDelta) bestDelta = delta, bestLevel = k, bestStep = step;
                 }
-                s.gridWeight[plane][g] = quantizer.levelWeight(bestLevel);
                 if (bestLevel == current) continue;
+                const int moved = quantizer.levelWeight(bestLevel) - s.gridWeight[plane][g];
+                s.gridWeight[plane][g] += moved;
                 s.level[plane][g] = bestLevel;
-                for (int r = 0; r < reachCount[g]; ++r) s.texelWeight[plane][reach[g][r]] = s.infill(plane, reach[g][r]);
+                for (int r = 0; r < reachCount[g]; ++r) {
+                    s.infillSum[plane][reach[g][r]] += moved * reachFactor[g][r];
+                    s.texelWeight[plane][reach[g][r]] = trial[bestStep][r];
+                    texelError[reach[g][r]] = trialError[bestStep][r];
+                }
                 change += bestDelta;
                 movedThisRound = true;
             }
