@@ -47,3 +47,13 @@ inline bool astcencDecode(const std::vector<uint8_t>& blocks, int bw, int bh, ui
     std::system(("rm -rf " + dir).c_str());
     return ok;
 }
+
+// Where astcenc is installed, its decode of a w x h image of `blocks` must be `ours`.
+inline void expectAstcencDecodesAs(const std::vector<uint8_t>& blocks, int bw, int bh, uint32_t w, uint32_t h,
+                                   const std::vector<uint8_t>& ours) {
+    std::vector<uint8_t> reference;
+    std::string why;
+    if (!haveAstcenc()) return;
+    ASSERT_TRUE(astcencDecode(blocks, bw, bh, w, h, reference, why)) << why;
+    EXPECT_TRUE(ours == reference);
+}

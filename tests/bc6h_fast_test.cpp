@@ -18,16 +18,11 @@
 #include "bc6h/fast_encoder.h"
 #include "bc6h/fast_texels.h"
 #include "bc6h/half_float.h"
-#include "bc7/bc7_tables.h"
+#include "bc6h_test_blocks.h"
 
 namespace {
 
 using namespace glyptora_bc6h;
-
-struct Block {
-    float texels[64];
-    uint16_t region = 0x0404;
-};
 
 // Decoded channel as a texel value (sign and magnitude in signed form).
 int decodedValue(uint16_t half, bool isSigned) { return isSigned && (half & 0x8000) ? -(half & 0x7FFF) : half; }
@@ -36,52 +31,17 @@ float valueToFloat(int v) { return v < 0 ? -halfToFloat(uint16_t(-v)) : halfToFl
 
 bool isValid(uint16_t region, int i) { return i % 4 < (region & 0xFF) && i / 4 < (region >> 8); }
 
-// A few hundred blocks of every kind the encoder meets.
-std::vector<Block> variedBlocks(bool isSigned) {
-    std::mt19937 rng(isSigned ? 7 : 3);
-    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    auto magnitude = [&](float lo, float hi) { return std::exp2(lo + (hi - lo) * unit(rng)); };
-    auto sign = [&] { return isSigned && unit(rng) < 0.4f ? -1.0f : 1.0f; };
-    const float specials[] = {std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
-                              std::numeric_limits<float>::quiet_NaN(), -0.0f, 1e-7f, 70000.0f, -3.0f};
-    std::vector<Block> blocks;
-    for (int n = 0; n < 60; ++n) {
-        Block b[5];
-        float base[3], dx[3], dy[3], other[3];
-        for (int c = 0; c < 3; ++c) {
-            base[c] = sign() * magnitude(-10, 8);
-            dx[c] = base[c] * (unit(rng) - 0.5f) * 0.3f;
-            dy[c] = base[c] * (unit(rng) - 0.5f) * 0.3f;
-            other[c] = sign() * magnitude(-10, 8);
-        }
-        const int shape = n % 32;
-        for (int i = 0; i < 16; ++i) {
-            for (int c = 0; c < 3; ++c) {
-                b[0].texels[4 * i + c] = sign() * magnitude(-16, 16);                             // random HDR
-                b[1].texels[4 * i + c] = base[c] + dx[c] * float(i % 4) + dy[c] * float(i / 4);  // gradient
-                b[2].texels[4 * i + c] = base[c];                                                 // constant
-                b[3].texels[4 * i + c] = glyptora_bc7::kPartitions2[shape][i] ? other[c] : base[c];  // edge
-                b[4].texels[4 * i + c] = unit(rng) < 0.2f ? specials[(n + i + c) % 7] : base[c] * unit(rng);
-            }
-            for (Block& k : b) k.texels[4 * i + 3] = 1.0f;
-        }
-        b[4].region = uint16_t((1 + n % 4) | (1 + n / 4 % 4) << 8);  // partial block with specials
-        blocks.insert(blocks.end(), b, b + 5);
-    }
-    return blocks;
-}
-
 // The encoder's palette values are what the decoder produces, and its error is the measure of
 // the decoded block: squared float differences over 1 + |texel| on the valid texels.
 TEST(BC6HFast, EveryBlockDecodesToThePaletteItMeasured) {
     for (const bool isSigned : {false, true}) {
         int regions[3] = {};
-        for (const Block& b : variedBlocks(isSigned)) {
+        for (const BC6HSample& b : bc6hSampleBlocks(40)) {
             uint8_t out[16];
             FastBlockDetail detail;
-            const float error = encodeBC6HBlockFastDetailed(b.texels, b.region, isSigned, out, &detail);
+            const float error = encodeBC6HBlockFastDetailed(b.tex, b.region, isSigned, out, &detail);
             uint8_t plain[16];
-            EXPECT_EQ(encodeBC6HBlockFast(b.texels, b.region, isSigned, plain), error);
+            EXPECT_EQ(encodeBC6HBlockFast(b.tex, b.region, isSigned, plain), error);
             EXPECT_EQ(0, std::memcmp(out, plain, 16));
             const Pattern* pattern = patternOfBlock(out);
             ASSERT_NE(pattern, nullptr);
@@ -95,7 +55,7 @@ TEST(BC6HFast, EveryBlockDecodesToThePaletteItMeasured) {
                 for (int c = 0; c < 3; ++c) {
                     const int v = decodedValue(decoded[i][c], isSigned);
                     ASSERT_EQ(v, detail.believed[i][c]) << "texel " << i << " channel " << c;
-                    const double x = valueToFloat(texelValue(b.texels[4 * i + c], isSigned));
+                    const double x = valueToFloat(texelValue(b.tex[4 * i + c], isSigned));
                     const double d = (valueToFloat(v) - x) / (1.0 + std::fabs(x));
                     measured += d * d;
                 }
@@ -120,10 +80,10 @@ TEST(BC6HFast, ConstantBlocksDecodeToTheirTexelValue) {
         {-inf, true, 0xFBFF},  {inf, true, 0x7BFF},    {0.5f, true, 0x3800},      {-3e-7f, true, 0x8005},
     };
     for (const auto& k : cases) {
-        Block b;
-        for (int i = 0; i < 64; ++i) b.texels[i] = i % 4 == 3 ? 1.0f : k.value;
+        BC6HSample b;
+        for (int i = 0; i < 64; ++i) b.tex[i] = i % 4 == 3 ? 1.0f : k.value;
         uint8_t out[16];
-        EXPECT_EQ(encodeBC6HBlockFast(b.texels, b.region, k.isSigned, out), 0.0f) << k.value;
+        EXPECT_EQ(encodeBC6HBlockFast(b.tex, b.region, k.isSigned, out), 0.0f) << k.value;
         EXPECT_EQ(patternOfBlock(out)->regions, 1);
         uint16_t decoded[16][3];
         decodeBC6HBlock(out, k.isSigned, decoded);
@@ -136,16 +96,16 @@ TEST(BC6HFast, ConstantBlocksDecodeToTheirTexelValue) {
 TEST(BC6HFast, InvalidTexelsDoNotMatter) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     for (const bool isSigned : {false, true})
-        for (const Block& b : variedBlocks(isSigned)) {
-            Block other = b;
+        for (const BC6HSample& b : bc6hSampleBlocks(40)) {
+            BC6HSample other = b;
             other.region = 0x0203;
-            Block garbage = other;
+            BC6HSample garbage = other;
             for (int i = 0; i < 16; ++i)
                 if (!isValid(other.region, i))
-                    for (int c = 0; c < 3; ++c) garbage.texels[4 * i + c] = i % 2 ? nan : -1e6f * float(c + 1);
+                    for (int c = 0; c < 3; ++c) garbage.tex[4 * i + c] = i % 2 ? nan : -1e6f * float(c + 1);
             uint8_t a[16], g[16];
-            EXPECT_EQ(encodeBC6HBlockFast(other.texels, other.region, isSigned, a),
-                      encodeBC6HBlockFast(garbage.texels, garbage.region, isSigned, g));
+            EXPECT_EQ(encodeBC6HBlockFast(other.tex, other.region, isSigned, a),
+                      encodeBC6HBlockFast(garbage.tex, garbage.region, isSigned, g));
             EXPECT_EQ(0, std::memcmp(a, g, 16));
         }
 }
@@ -158,7 +118,7 @@ TEST(BC6HFast, SmoothBlocksStayWithinHalfAPaletteStep) {
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
     for (const bool isSigned : {false, true})
         for (int n = 0; n < 100; ++n) {
-            Block b;
+            BC6HSample b;
             float base[3], rise[3], spread = 0.0f;
             const float a = unit(rng), scale = std::exp2(-6.0f + 12.0f * unit(rng));
             for (int c = 0; c < 3; ++c) {
@@ -168,11 +128,11 @@ TEST(BC6HFast, SmoothBlocksStayWithinHalfAPaletteStep) {
             }
             for (int i = 0; i < 16; ++i) {
                 const float t = (a * float(i % 4) + (1.0f - a) * float(i / 4)) / 3.0f;
-                for (int c = 0; c < 3; ++c) b.texels[4 * i + c] = base[c] * (1.0f + rise[c] * t);
-                b.texels[4 * i + 3] = 1.0f;
+                for (int c = 0; c < 3; ++c) b.tex[4 * i + c] = base[c] * (1.0f + rise[c] * t);
+                b.tex[4 * i + 3] = 1.0f;
             }
             uint8_t out[16];
-            const float error = encodeBC6HBlockFast(b.texels, b.region, isSigned, out);
+            const float error = encodeBC6HBlockFast(b.tex, b.region, isSigned, out);
             const float rms = std::sqrt(error / 48.0f);
             EXPECT_LT(rms, spread / 30.0f + 0.002f) << n;
         }

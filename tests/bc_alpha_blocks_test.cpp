@@ -21,6 +21,7 @@
 #include "bc/bc2_bc3_cpu.h"
 #include "bc/bc4_bc5_cpu.h"
 #include "core/cpu_input_buffer.h"
+#include "fnv1a.h"
 
 using namespace glyptora;
 using namespace glyptora_dxt;
@@ -292,7 +293,7 @@ TEST(InterpolatedHighQuality, MatchesTheModelAndThePrunedSearchGivesTheStraightf
     for (const Domain* d : {&kUnsigned, &kSigned})
         for (const bool model : {true, false}) {
             BlockSource source(model ? (d->isSigned ? 99 : 7) : (d->isSigned ? 2024 : 1999));
-            uint64_t hash = 0xCBF29CE484222325ull;
+            uint64_t hash = kFnv1aStart;
             int pinned = 0;
             long fastTotal = 0, searchTotal = 0;
             for (int n = 0; n < (model ? 49 : 300); ++n) {
@@ -304,8 +305,7 @@ TEST(InterpolatedHighQuality, MatchesTheModelAndThePrunedSearchGivesTheStraightf
                 encode(*d, Encoder::Straightforward, x, straightforward);
                 ASSERT_EQ(bytes(pruned, 8), bytes(straightforward, 8)) << "block " << n;
                 expectNearestIndices(*d, x, fast);
-                for (const uint8_t* block : {fast, straightforward})
-                    for (int i = 0; i < 8; ++i) hash = (hash ^ block[i]) * 0x100000001B3ull;
+                hash = fnv1a(fnv1a(hash, fast, 8), straightforward, 8);
 
                 int host0, host1, portable0, portable1;
                 if (d->isSigned) {

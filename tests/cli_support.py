@@ -193,8 +193,8 @@ class ToolCase(unittest.TestCase):
         Image.fromarray(pixels, "RGBA" if pixels.shape[2] == 4 else "RGB").save(self.path(name))
         return self.path(name)
 
-    def convert(self, source, output, fmt, *extra):
-        result = run("convert", source, "-o", output, "-f", fmt, *extra)
+    def convert(self, sources, output, fmt, *extra):
+        result = run("convert", *([sources] if isinstance(sources, str) else sources), "-o", output, "-f", fmt, *extra)
         self.assertEqual((result.returncode, result.stderr), (0, ""), f"{fmt}: {result.stdout}{result.stderr}")
         return result.stdout
 

@@ -60,12 +60,9 @@ TEST(EncoderDispatch, WrongTileSizeOrLevelIsRefusedAndLeavesTheOutputUntouched) 
     CPUInputBuffer sixBySix(&image.record, 1, kValueU8, 6, 6, 1, 1, 1, 1);
     CPUInputBuffer threeByThree(&image.record, 1, kValueU8, 3, 3, 1, 1, 1, 1);
     std::vector<uint8_t> out(16 * 16, 0x5A);
-    EXPECT_EQ(run(format_table::kBC7, eightByEight, false, out.data(), false),
-              "BC7 Compressor: only tile size 4x4 is supported.\n");
-    EXPECT_EQ(run(format_table::kBC1a, eightByEight, false, out.data(), false),
-              "BC1a Compressor: only tile size 4x4 is supported.\n");
-    EXPECT_EQ(run(format_table::kBC5S, eightByEight, false, out.data(), false),
-              "BC5S Compressor: only tile size 4x4 is supported.\n");
+    for (const EncoderEntry* e : {&format_table::kBC7, &format_table::kBC1a, &format_table::kBC5S})
+        EXPECT_EQ(run(*e, eightByEight, false, out.data(), false),
+                  e->name + std::string(" Compressor: only tile size 4x4 is supported.\n"));
     EXPECT_EQ(run(format_table::kASTC, sixBySix, 4, out.data(), false),
               "Level 4 not supported. Supported levels are 0,1,2,3\n");
     EXPECT_EQ(run(format_table::kASTC, threeByThree, 1, out.data(), false),

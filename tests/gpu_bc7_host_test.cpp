@@ -2,26 +2,20 @@
 // driver (tests/support_fake_cuda), which checks each launch's shape and carries out the
 // stage functions of gpu/bc7_gpu_stages.h on the CPU. Covers the launch order and counts
 // with and without the alpha stages, the FLT_MAX fills before the stages that use each
-// scratch array, scratch freed, complete output over poison, odd sizes, launch splits, the
-// entry's routing and failures; the blocks must be the CPU fast encoder's, in every mode.
+// scratch array, scratch freed, complete output over poison (host and device memory), odd
+// sizes, launch splits, the entry's routing and failures; the blocks must be the CPU fast
+// encoder's, in every mode.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "bc7/bc7_tables.h"
-#include "core/timing_context.h"
-#include "fake_cuda.h"
 #include "gpu/bc7_gpu_encode.h"
-#include "gpu/cuda_driver.h"
-#include "gpu/gpu_encoders.h"
 #include "gpu/gpu_kernel_names.h"
-#include "gpu/gpu_testing.h"
-#include "gpu_block_quality.h"
 #include "gpu_fake_driver_fixture.h"
 
 using namespace glyptora_internal;
@@ -64,8 +58,9 @@ SourceImage partitionedSource(int blocksX, int blocksY, uint32_t seed) {
 // 65 tiles with partial tiles on both edges, translucent and opaque blocks, then 128 blocks
 // of BC7 shapes (a seed with which mode 7 wins an opaque block too, a rare case).
 std::unique_ptr<glyptora::CPUInputBuffer> oddInput() {
-    return makeInput({makeSource(37, 23, 1), makeSource(5, 3, 2), makeSource(4, 12, 3), partitionedSource(16, 8, 87)},
-                     glyptora::kValueU8);
+    std::vector<SourceImage> images = oddSizedImages();
+    images.push_back(partitionedSource(16, 8, 87));
+    return makeInput(images, glyptora::kValueU8);
 }
 
 // The kernels one sequence launches, in order.
@@ -109,21 +104,6 @@ unsigned modesOf(const std::vector<uint8_t>& blocks) {
     return modes;
 }
 
-std::vector<uint8_t> cpuBlocks(const glyptora::CPUInputBuffer& input, bool imageHasAlpha) {
-    std::vector<uint8_t> out(size_t(input.tileCount()) * 16, 0);
-    EXPECT_TRUE(runEncoderEntry(format_table::kBC7, input, 0, false, imageHasAlpha, out.data(), false, false, nullptr));
-    return out;
-}
-
-std::vector<uint8_t> gpuBlocks(const glyptora::CPUInputBuffer& input, bool imageHasAlpha, uint8_t poison,
-                               bool* ok = nullptr, glyptora::TimingContext* timing = nullptr) {
-    std::vector<uint8_t> out(size_t(input.tileCount()) * 16, poison);
-    const bool result = encodeOnGpu(*format_table::kBC7.gpu, "BC7", *input.buffer(), out.data(), false, timing,
-                                    imageHasAlpha);
-    if (ok) *ok = result;
-    return out;
-}
-
 }  // namespace
 
 TEST_F(GpuBC7HostTest, SequenceLaunchesInOrderAndWritesTheCpuFastBlocks) {
@@ -141,64 +121,28 @@ TEST_F(GpuBC7HostTest, SequenceLaunchesInOrderAndWritesTheCpuFastBlocks) {
     for (bool alpha : {false, true}) {
         SCOPED_TRACE(alpha ? "image has alpha" : "opaque image");
         EXPECT_EQ(runs(sequenceKernels(alpha)), alpha ? alphaRuns : opaqueRuns);
-        const std::vector<uint8_t> expected = cpuBlocks(*input, alpha);
+        const std::vector<uint8_t> expected = entryBlocks(format_table::kBC7, *input, false, alpha);
         // Every mode comes out, 7 of translucent blocks too: each stage has blocks to match.
         EXPECT_EQ(modesOf(expected), 0xFFu);
-        for (uint8_t poison : {0x00, 0xFF}) {
-            fake_cuda().launches.clear();
-            glyptora::TimingContext timing;
-            EXPECT_EQ(gpuBlocks(*input, alpha, poison, nullptr, &timing), expected);
-            EXPECT_EQ(launchedKernels(), sequenceKernels(alpha));
-            std::map<std::string, int> labels;
-            for (const auto& entry : timing.entries()) ++labels[entry.label];
-            EXPECT_EQ(labels["bc7_encode_gpu()"], 1);
-        }
         // 4 chunks (49, 48, 48, 48 tiles) of 4, 3, 3, 3 launches: each runs the whole sequence.
-        gpu_testing::setWorkLimits(64, 16);
-        fake_cuda().launches.clear();
-        EXPECT_EQ(gpuBlocks(*input, alpha, 0x5A), expected);
-        EXPECT_EQ(launchedKernels().size(), 13 * sequenceKernels(alpha).size());
-        gpu_testing::setWorkLimits(0, 0);
+        expectSequenceAndBlocks({format_table::kBC7, alpha, false, "bc7_encode_gpu()", 64, 16, 13}, *input->buffer(),
+                                expected, sequenceKernels(alpha));
     }
 }
 
 TEST_F(GpuBC7HostTest, EntryRoutesTheDefaultQualitiesToTheGpuAndKeepsTheSlowOneOnTheCpu) {
-    auto input = oddInput();
-    std::vector<uint8_t> out(size_t(input->tileCount()) * 16, 0xEE);
-    EXPECT_TRUE(runEncoderEntry(format_table::kBC7, *input, 0, false, true, out.data(), true, false, nullptr));
-    EXPECT_EQ(out, cpuBlocks(*input, true));
-    EXPECT_EQ(launchedKernels(), sequenceKernels(true));
-
-    fake_cuda().launches.clear();
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(runEncoderEntry(format_table::kBC7, *input, 1, false, true, out.data(), true, false, nullptr));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n");
-    EXPECT_TRUE(fake_cuda().launches.empty());
+    expectOnlyTheDefaultQualityOnTheGpu(format_table::kBC7, *oddInput(), true, false, sequenceKernels(true),
+                                        "BC7 Compressor: no slow-mode for bc7-gpu, using cpu instead.\n");
 }
 
 TEST_F(GpuBC7HostTest, FailuresAreReportedOnceAndFreeTheScratch) {
     auto input = oddInput();
-    const struct {
-        int launchResult;
-        const char* missingKernel;
-        const char* printed;
-        long launches;
-    } cases[] = {{700, nullptr, "*** GPU encoding failed at kernel launch: 'fake error 700'.\n", 1},
-                 {0, kernel_names::kBC7Stages[4],
-                  "*** GPU kernel glyptora_bc7_stage5 is missing from the kernel module.\n", 1 + 1 + 1 + 64 + 16}};
-    for (const auto& c : cases) {
-        fake_cuda_reset(cudaKernelRuntimeVersion());
-        gpu_testing::resetGpuState();
-        fake_cuda().config.launchResult = c.launchResult;
-        fake_cuda().config.missingKernel = c.missingKernel;
-        testing::internal::CaptureStdout();
-        bool ok = true;
-        gpuBlocks(*input, false, 0x42, &ok);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed);
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(fake_cuda().counters.launches, c.launches);
-        EXPECT_EQ(fake_cuda().counters.liveAllocations, 0);
-        fake_cuda().config.launchResult = 0;
-        fake_cuda().config.missingKernel = nullptr;
+    const DeviceFailure failures[] = {
+        {700, 0, nullptr, "*** GPU encoding failed at kernel launch: 'fake error 700'.\n", 1},
+        {0, 0, kernel_names::kBC7Stages[4], "*** GPU kernel glyptora_bc7_stage5 is missing from the kernel module.\n",
+         1 + 1 + 1 + 64 + 16}};
+    for (const DeviceFailure& f : failures) {
+        gpu_testing::resetGpuState();  // a new session, which has looked up no kernel yet
+        expectDeviceFailure(f, format_table::kBC7, *input->buffer());
     }
 }

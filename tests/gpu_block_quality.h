@@ -101,11 +101,18 @@ inline std::unique_ptr<glyptora::CPUInputBuffer> makeInput(const std::vector<Sou
                                                       tileSize, weights[0], weights[1], weights[2], weights[3]);
 }
 
+// Partial tiles on both edges, and further images whose tiles follow the first's: 65 tiles,
+// so that the last CUDA block of 64 threads holds one block.
+inline std::vector<SourceImage> oddSizedImages() {
+    return {makeSource(37, 23, 1), makeSource(5, 3, 2), makeSource(4, 12, 3)};
+}
+
 // Encodes on the GPU into host or device memory first filled with `poison`; returns what the
-// output holds afterwards.
+// output holds afterwards. Without `ok` the encode must succeed.
 inline std::vector<uint8_t> gpuEncode(const EncoderEntry& entry, const glyptora::CPUBuffer_Base& buffer,
                                       uint8_t poison, bool onDevice = false, bool* ok = nullptr,
-                                      glyptora::TimingContext* timing = nullptr) {
+                                      glyptora::TimingContext* timing = nullptr, bool imageHasAlpha = false,
+                                      bool isSigned = false) {
     using namespace glyptora_internal;
     std::vector<uint8_t> out(size_t(buffer.tileCount) * size_t(entry.blockBytes), poison);
     const GpuSession* session = onDevice ? currentGpuSession() : nullptr;
@@ -115,7 +122,8 @@ inline std::vector<uint8_t> gpuEncode(const EncoderEntry& entry, const glyptora:
         EXPECT_TRUE(copyHostToDevice(reinterpret_cast<void*>(uintptr_t(device)), out.data(), out.size()));
     }
     uint8_t* output = onDevice ? reinterpret_cast<uint8_t*>(uintptr_t(device)) : out.data();
-    const bool result = encodeOnGpu(*entry.gpu, entry.name, buffer, output, onDevice, timing);
+    const bool result =
+        encodeOnGpu(*entry.gpu, entry.name, buffer, output, onDevice, timing, imageHasAlpha, isSigned);
     if (ok) *ok = result;
     else EXPECT_TRUE(result);
     if (onDevice) {
@@ -191,11 +199,12 @@ inline double colourBlocksPsnr(const EncoderEntry& entry, const glyptora::CPUBuf
 }
 
 // Runs an encoder entry at the quality where it uses the GPU (fast and slow flags clear),
-// on the GPU or the CPU, into a zeroed host output.
-inline std::vector<uint8_t> entryBlocks(const EncoderEntry& entry, const glyptora::CPUInputBuffer& input, bool gpu) {
+// on the GPU or the CPU, into a zeroed host output. BC4S and BC5S are signed in any case.
+inline std::vector<uint8_t> entryBlocks(const EncoderEntry& entry, const glyptora::CPUInputBuffer& input, bool gpu,
+                                        bool imageHasAlpha = false, bool isSigned = false) {
     std::vector<uint8_t> out(size_t(input.tileCount()) * size_t(entry.blockBytes), 0);
-    const bool isSigned = &entry == &table::kBC4S || &entry == &table::kBC5S;
-    EXPECT_TRUE(runEncoderEntry(entry, input, 0, isSigned, false, out.data(), gpu, false, nullptr));
+    isSigned |= &entry == &table::kBC4S || &entry == &table::kBC5S;
+    EXPECT_TRUE(runEncoderEntry(entry, input, 0, isSigned, imageHasAlpha, out.data(), gpu, false, nullptr));
     return out;
 }
 

@@ -8,33 +8,15 @@
 #include <utility>
 #include <vector>
 
-#include "fake_cuda.h"
-#include "gpu/cuda_driver.h"
-#include "gpu/gpu_encoders.h"
-#include "gpu/gpu_testing.h"
 #include "gpu/kernel_image.h"
+#include "gpu_fake_driver_fixture.h"
 
 using namespace glyptora_internal;
 
 namespace {
 
-// Stands in for the kernel module where a test needs availability to succeed in every build.
-alignas(64) const uint32_t kTestKernelImage[4] = {0x7E57CAFEu, 1, 2, 3};
-
-class GpuDriverTest : public ::testing::Test {
+class GpuDriverTest : public FakeDriverBase {
 protected:
-    void SetUp() override {
-        fake_cuda_reset(cudaKernelRuntimeVersion());
-        gpu_testing::setDriverLibraryPath(GLYPTORA_FAKE_CUDA);
-        gpu_testing::setKernelImage(kTestKernelImage, sizeof kTestKernelImage);
-        gpu_testing::resetGpuState();
-    }
-    void TearDown() override {
-        gpu_testing::resetGpuState();
-        gpu_testing::setDriverLibraryPath(nullptr);
-        gpu_testing::setKernelImage(nullptr, 0);
-    }
-
     // Runs the availability query from a clean state; returns what it printed.
     static std::string availability(bool expected) {
         gpu_testing::resetGpuState();
@@ -105,14 +87,11 @@ TEST_F(GpuDriverTest, ChosenDeviceIsMadeCurrent) {
 }
 
 TEST_F(GpuDriverTest, ComputeCapabilityBelowTheKernelsIsRefused) {
-    setDevice(0, 1500000, 20, 6, 1);
-    EXPECT_EQ(availability(false), "*** Device compute capability = 6 < 7.\n");
-    setDevice(0, 1500000, 20, 2, 0);
-    EXPECT_EQ(availability(false), "*** Device compute capability = 2 < 7.\n");
-    setDevice(0, 1500000, 20, 7, 0);
-    EXPECT_EQ(availability(false), "*** Device compute capability = 7.0 < 7.5.\n");
-    setDevice(0, 1500000, 20, 7, 4);
-    EXPECT_EQ(availability(false), "*** Device compute capability = 7.4 < 7.5.\n");
+    const std::pair<int, const char*> refused[] = {{61, "6 < 7"}, {20, "2 < 7"}, {70, "7.0 < 7.5"}, {74, "7.4 < 7.5"}};
+    for (const auto& [capability, message] : refused) {
+        setDevice(0, 1500000, 20, capability / 10, capability % 10);
+        EXPECT_EQ(availability(false), "*** Device compute capability = " + std::string(message) + ".\n");
+    }
     EXPECT_EQ(fake_cuda().counters.retainCalls, 0);
     setDevice(0, 1500000, 20, 7, 5);
     EXPECT_EQ(availability(true), "");

@@ -13,13 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/timing_context.h"
-#include "fake_cuda.h"
-#include "gpu/cuda_driver.h"
-#include "gpu/gpu_encoders.h"
 #include "gpu/gpu_kernel_names.h"
-#include "gpu/gpu_testing.h"
-#include "gpu_block_quality.h"
 #include "gpu_fake_driver_fixture.h"
 
 using namespace glyptora_internal;
@@ -37,7 +31,6 @@ std::pair<std::string, std::string> timingLabels(const EncoderEntry& entry) {
 
 class GpuEncodeHostTest : public FakeDriverTest {
 protected:
-
     // Makes the next availability computation see a device with this much memory and speed.
     static void useDevice(unsigned long long totalMem, int clockRate, int multiProcessors) {
         fake_cuda().config.devices[0] = FakeCudaDevice{clockRate, multiProcessors, 8, 6, totalMem};
@@ -45,12 +38,6 @@ protected:
         ASSERT_TRUE(isGpuEncodingAvailable());
     }
 };
-
-// Partial tiles on both edges, and further images whose tiles follow the first's: 65 tiles,
-// so that the last CUDA block of 64 threads holds one block.
-std::vector<gpu_quality::SourceImage> oddSizedImages() {
-    return {makeSource(37, 23, 1), makeSource(5, 3, 2), makeSource(4, 12, 3)};
-}
 
 // The conversion kernel an encode runs first, or null when the input has the kernels' type.
 const char* conversionKernel(const GpuPlan& plan, int32_t valueType) {
@@ -71,22 +58,6 @@ std::vector<std::string> expectedKernels(const GpuPlan& plan, int32_t valueType,
                 if (k) kernels.push_back(k);
     }
     return kernels;
-}
-
-// Runs an encode that must fail; returns what it printed. The output keeps its poison.
-std::string failure(const EncoderEntry& entry, const glyptora::CPUInputBuffer& input) {
-    testing::internal::CaptureStdout();
-    bool ok = true;
-    const std::vector<uint8_t> out = gpuEncode(entry, *input.buffer(), 0x42, false, &ok);
-    EXPECT_FALSE(ok);
-    EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](uint8_t b) { return b == 0x42; }));
-    return testing::internal::GetCapturedStdout();
-}
-
-std::map<std::string, int> labelCounts(const glyptora::TimingContext& timing) {
-    std::map<std::string, int> counts;
-    for (const auto& entry : timing.entries()) ++counts[entry.label];
-    return counts;
 }
 
 }  // namespace
@@ -224,30 +195,31 @@ TEST_F(GpuEncodeHostTest, WorkIsSplitEvenlyByDeviceMemoryAndLaunchLimit) {
 }
 
 TEST_F(GpuEncodeHostTest, DeviceFailuresAreReportedOnceAndStopTheEncode) {
-    auto f32 = makeInput(oddSizedImages(), glyptora::kValueF32);
-    auto u8 = makeInput(oddSizedImages(), glyptora::kValueU8);
-    auto s8 = makeInput(oddSizedImages(), glyptora::kValueS8);
-    fake_cuda().config.launchResult = 700;
+    // The first failure stops an encode of many launches: a chunk's 4 launches are synchronised together.
     gpu_testing::setWorkLimits(10, 3);
-    EXPECT_EQ(failure(format_table::kBC3, *f32), "*** GPU encoding failed at conversion launch: 'fake error 700'.\n");
-    EXPECT_EQ(failure(format_table::kBC3, *u8), "*** GPU encoding failed at kernel launch: 'fake error 700'.\n");
-    EXPECT_EQ(fake_cuda().counters.launches, 2);  // the first failure stops the encode
-    fake_cuda().config.launchResult = 0;
-
-    fake_cuda().config.synchronizeResult = 719;
-    EXPECT_EQ(failure(format_table::kBC2, *u8), "*** GPU encoding failed at kernel execution: 'fake error 719'.\n");
-    fake_cuda().config.synchronizeResult = 0;
-
-    fake_cuda().config.missingKernel = kernel_names::kCompressBC4S;
-    EXPECT_EQ(failure(format_table::kBC4S, *s8),
-              "*** GPU kernel glyptora_compressBC4S is missing from the kernel module.\n");
+    using glyptora::kValueF32, glyptora::kValueS8, glyptora::kValueU8;
+    const std::string failed = "*** GPU encoding failed at ";
+    const struct {
+        const EncoderEntry& entry;
+        int32_t valueType;
+        DeviceFailure failure;
+    } cases[] = {
+        {format_table::kBC3, kValueF32, {700, 0, nullptr, failed + "conversion launch: 'fake error 700'.\n", 1}},
+        {format_table::kBC3, kValueU8, {700, 0, nullptr, failed + "kernel launch: 'fake error 700'.\n", 1}},
+        {format_table::kBC2, kValueU8, {0, 719, nullptr, failed + "kernel execution: 'fake error 719'.\n", 4}},
+        {format_table::kBC4S, kValueS8,
+         {0, 0, kernel_names::kCompressBC4S,
+          "*** GPU kernel glyptora_compressBC4S is missing from the kernel module.\n", 0}}};
+    for (const auto& c : cases)
+        expectDeviceFailure(c.failure, c.entry, *makeInput(oddSizedImages(), c.valueType)->buffer());
 }
 
 TEST_F(GpuEncodeHostTest, RefusedOrEmptyWorkTouchesNeitherTheOutputNorTheDevice) {
     auto eightByEight = makeInput(oddSizedImages(), glyptora::kValueU8, {1, 1, 1, 1}, 8);
-    for (const EncoderEntry* entry : gpu_quality::gpuEntries())
-        EXPECT_EQ(failure(*entry, *eightByEight),
-                  std::string(entry->name) + " Compressor: only tile size 4x4 is supported.\n");
+    for (const EncoderEntry* entry : gpu_quality::gpuEntries()) {
+        const std::string refusal = entry->name + std::string(" Compressor: only tile size 4x4 is supported.\n");
+        expectDeviceFailure({0, 0, nullptr, refusal, 0}, *entry, *eightByEight->buffer());
+    }
     glyptora::CPUInputBuffer empty(nullptr, 0, glyptora::kValueU8, 4, 4, 1, 1, 1, 1);
     ASSERT_EQ(empty.tileCount(), 0u);
     EXPECT_TRUE(encodeOnGpu(*format_table::kBC1a.gpu, "BC1a", *empty.buffer(), nullptr, false, nullptr));
@@ -257,7 +229,10 @@ TEST_F(GpuEncodeHostTest, RefusedOrEmptyWorkTouchesNeitherTheOutputNorTheDevice)
     // Without a usable GPU (a driver too old for the kernels) encodes and copies are refused.
     fake_cuda_reset(12000);
     gpu_testing::resetGpuState();
-    failure(format_table::kBC4, *makeInput(oddSizedImages(), glyptora::kValueU8));
+    const std::string refusal = "*** CUDA driver version 12000 < runtime version " +
+                                std::to_string(cudaKernelRuntimeVersion()) + ".\n";
+    expectDeviceFailure({0, 0, nullptr, refusal, 0}, format_table::kBC4,
+                        *makeInput(oddSizedImages(), glyptora::kValueU8)->buffer());
     uint8_t byte = 0;
     EXPECT_FALSE(copyHostToDevice(&byte, &byte, 1));
     EXPECT_EQ(fake_cuda().counters.allocations, 0);

@@ -52,14 +52,7 @@ protected:
         return text.str();
     }
 
-    void TearDown() override {
-        const int server = world.serverId();
-        if (server) {
-            EXPECT_TRUE(World::waitForEnd(server, 10s));
-        }
-        EXPECT_FALSE(world.socketExists());
-        EXPECT_EQ(World::sectionsOf(clients), std::vector<std::string>());
-    }
+    void TearDown() override { world.expectCleanEnd(clients); }
 };
 
 }  // namespace

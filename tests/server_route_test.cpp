@@ -71,15 +71,7 @@ std::vector<uint8_t> convert(const Texture& t, const std::wstring& format, const
 class ServerRoute : public testing::Test {
 protected:
     World world{"1000"};
-    void TearDown() override {
-        // Whatever the test did, the server ends by itself and leaves nothing behind.
-        const int server = world.serverId();
-        if (server) {
-            EXPECT_TRUE(World::waitForEnd(server, 10s));
-        }
-        EXPECT_FALSE(world.socketExists());
-        EXPECT_TRUE(World::sectionsOf({getpid()}).empty());
-    }
+    void TearDown() override { world.expectCleanEnd({getpid()}); }
 };
 
 }  // namespace
@@ -156,18 +148,9 @@ TEST_F(ServerRoute, MissingSectionAnswer) {
     bool noServer = false;
     const auto server = connectToServer(endpoint, noServer, error);
     ASSERT_TRUE(server) << error;
-    const ServerRequest request{"HalvoranGlyptoraDstPixels_0",
-                                "HalvoranGlyptoraSrcPixels_0",
-                                "unorm_bc4",
-                                "unorm_8_8_8_8",
-                                "",
-                                0x20,
-                                0,
-                                4,
-                                4,
-                                1,
-                                1,
-                                0};
+    const ServerRequest request{
+        "HalvoranGlyptoraDstPixels_0", "HalvoranGlyptoraSrcPixels_0", "unorm_bc4", "unorm_8_8_8_8", "", 0x20, 0, 4, 4,
+        1, 1, 0};
     RequestRecord record;
     ASSERT_TRUE(encodeRequestRecord(request, record, error));
     ASSERT_TRUE(server->send(record.data(), record.size(), error)) << error;

@@ -9,7 +9,7 @@ and bytes from the front. Seeds spelled with the same rules start the fuzzers on
 every format at every quality, both source types, edge sizes. The image seeds are small files
 of every kind the loaders read, written by Pillow and by the small writers below.
 """
-import io, math, os, struct, sys
+import io, itertools, math, os, struct, sys
 
 try:
     from PIL import Image
@@ -213,11 +213,7 @@ def exr(width, height, half):
     for y in range(height):
         channels = [b"".join(pack((x + y + c) / 7.0 if c else 1.0) for x in range(width)) for c in range(4)]
         lines.append(struct.pack("<ii", y, 4 * size * width) + b"".join(channels))
-    offset = len(header) + 8 * height
-    offsets = []
-    for line in lines:
-        offsets.append(offset)
-        offset += len(line)
+    offsets = itertools.accumulate([len(line) for line in lines[:-1]], initial=len(header) + 8 * height)
     return header + struct.pack(f"<{height}Q", *offsets) + b"".join(lines)
 
 

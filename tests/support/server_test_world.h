@@ -3,6 +3,7 @@
 // user's server is touched), a chosen idle time-out, and this process as the subreaper of the
 // detached servers it starts, so that tests can see them end and reap them.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -59,6 +60,16 @@ public:
         std::ifstream file(m_directory + "/HalvoranGlyptora.pid");
         int id = 0;
         return file >> id && glyptora_internal::processIsRunning(id) ? id : 0;
+    }
+
+    // Whatever a test did, the server ends by itself and leaves no socket and no sections of
+    // the `clients` behind.
+    void expectCleanEnd(const std::set<int>& clients) const {
+        if (const int server = serverId()) {
+            EXPECT_TRUE(waitForEnd(server, 10s));
+        }
+        EXPECT_FALSE(socketExists());
+        EXPECT_EQ(sectionsOf(clients), std::vector<std::string>());
     }
 
     // Waits at most `limit` for the process to end and reaps it when it is our child; true

@@ -51,11 +51,14 @@ bool inDeviceMemory(const TGPUView<T>& view) {
            isDeviceRange(view.data, size_t(elementCount(view)) * sizeof(T));
 }
 
-// Runs `body` for threads 0 to count - 1, the grid having exactly enough CUDA blocks of
-// `expectedThreads` threads for them (the threads past `count` idle).
+// Records the launch's tile count; when its arguments are `valid`, runs `body` for threads 0 to
+// count - 1, the grid having exactly enough CUDA blocks of `expectedThreads` threads for them
+// (the threads past `count` idle).
 template <typename Body>
-bool runGrid(unsigned grid, unsigned threads, unsigned expectedThreads, uint64_t count, Body body) {
-    if (threads != expectedThreads || grid != (count + threads - 1) / threads) return false;
+bool runGrid(FakeCudaLaunch& r, uint32_t tiles, bool valid, unsigned grid, unsigned threads, unsigned expectedThreads,
+             uint64_t count, Body body) {
+    r.tiles = tiles;
+    if (!valid || threads != expectedThreads || grid != (count + threads - 1) / threads) return false;
     for (uint64_t i = 0; i < count; ++i) body(i);
     return true;
 }
@@ -64,19 +67,18 @@ bool runGrid(unsigned grid, unsigned threads, unsigned expectedThreads, uint64_t
 template <typename T, typename Body>
 bool runBlockKernel(FakeCudaLaunch& r, unsigned grid, unsigned threads, const TGPUView<T>& view, uint32_t n,
                     uint64_t* out, size_t blockBytes, Body body) {
-    r.tiles = n;
-    return inDeviceMemory(view) && n == view.tileCount && isDeviceRange(out, n * blockBytes) &&
-           runGrid(grid, threads, 64, n, [&](uint64_t t) { body(view, uint32_t(t), out); });
+    return runGrid(r, n, inDeviceMemory(view) && n == view.tileCount && isDeviceRange(out, n * blockBytes), grid,
+                   threads, 64, n, [&](uint64_t t) { body(view, uint32_t(t), out); });
 }
 
 // An element conversion: one thread per channel value, 128 threads per CUDA block.
 template <typename S, typename D, typename Body>
 bool runConversion(FakeCudaLaunch& r, unsigned grid, unsigned threads, const TGPUView<S>& source,
                    const TGPUView<D>& target, Body body) {
-    r.tiles = source.tileCount;
-    return inDeviceMemory(source) && inDeviceMemory(target) && source.regions == target.regions &&
-           elementCount(target) == elementCount(source) &&
-           runGrid(grid, threads, 128, elementCount(source), [&](uint64_t i) { body(source, target, i); });
+    const bool valid = inDeviceMemory(source) && inDeviceMemory(target) && source.regions == target.regions &&
+                       elementCount(target) == elementCount(source);
+    return runGrid(r, source.tileCount, valid, grid, threads, 128, elementCount(source),
+                   [&](uint64_t i) { body(source, target, i); });
 }
 
 template <typename T>
@@ -90,34 +92,31 @@ T parameter(void** parameters, int i) {
 // device memory (the opacity flags only where the stage reads them, the stage group's scratch
 // wherever it has one).
 bool runBC7Stage(FakeCudaLaunch& r, unsigned grid, unsigned threads, int stage, const gpu_bc7::StageArgs& a) {
-    r.tiles = a.count;
     const bool flags = a.opaque ? isDeviceRange(a.opaque, a.count) : stage != 1;
     const size_t scratchFloats = size_t(a.count) * size_t(gpu_bc7::scratchLayout(stage).floats());
     const bool scratch = scratchFloats == 0 || isDeviceRange(a.scratch, scratchFloats * sizeof(float));
-    return inDeviceMemory(a.view) && a.count == a.view.tileCount && flags && scratch &&
-           isDeviceRange(a.out, a.count * 16u) && isDeviceRange(a.best, a.count * sizeof(float)) &&
-           runGrid(grid, threads, 128, a.count, [&](uint64_t t) { gpu_bc7::runStage(stage, a, uint32_t(t)); });
+    const bool valid = inDeviceMemory(a.view) && a.count == a.view.tileCount && flags && scratch &&
+                       isDeviceRange(a.out, a.count * 16u) && isDeviceRange(a.best, a.count * sizeof(float));
+    return runGrid(r, a.count, valid, grid, threads, 128, a.count,
+                   [&](uint64_t t) { gpu_bc7::runStage(stage, a, uint32_t(t)); });
 }
 
 // A BC6H texel conversion: one thread per texel of the view, 128 threads per CUDA block,
 // into n x 64 floats of device memory.
 template <typename T>
 bool runBC6HTexels(FakeCudaLaunch& r, unsigned grid, unsigned threads, const TGPUView<T>& view, float* texels) {
-    r.tiles = view.tileCount;
     const uint64_t count = uint64_t(view.tileCount) * 16;
-    return inDeviceMemory(view) && isDeviceRange(texels, count * 4 * sizeof(float)) &&
-           runGrid(grid, threads, 128, count,
-                   [&](uint64_t i) { glyptora_bc6h::gpu_stages::convertTexel(view, texels, i); });
+    return runGrid(r, view.tileCount, inDeviceMemory(view) && isDeviceRange(texels, count * 4 * sizeof(float)), grid,
+                   threads, 128, count, [&](uint64_t i) { glyptora_bc6h::gpu_stages::convertTexel(view, texels, i); });
 }
 
 // A BC6H block encoder: one thread per block, 128 threads per CUDA block, texels, output and
 // errors in device memory.
 template <typename Funcs>
 bool runBC6HEncode(FakeCudaLaunch& r, unsigned grid, unsigned threads, const glyptora_bc6h::bc6h_gpu& a) {
-    r.tiles = a.count;
-    return a.count > 0 && isDeviceRange(a.texels, a.count * 64 * sizeof(float)) &&
-           isDeviceRange(a.out, a.count * 16u) && isDeviceRange(a.error, a.count * sizeof(float)) &&
-           runGrid(grid, threads, 128, a.count,
+    const bool valid = a.count > 0 && isDeviceRange(a.texels, a.count * 64 * sizeof(float)) &&
+                       isDeviceRange(a.out, a.count * 16u) && isDeviceRange(a.error, a.count * sizeof(float));
+    return runGrid(r, a.count, valid, grid, threads, 128, a.count,
                    [&](uint64_t t) { glyptora_bc6h::gpu_stages::encodeBlock<Funcs>(a, uint32_t(t)); });
 }
 
@@ -158,9 +157,8 @@ bool runKernel(FakeCudaLaunch& r, unsigned grid, unsigned threads, void** p) {
     if (name == k::kFillFltMax) {
         float* values = parameter<float*>(p, 0);
         const uint64_t count = parameter<uint64_t>(p, 1);
-        r.tiles = uint32_t(count);
-        return isDeviceRange(values, count * sizeof(float)) &&
-               runGrid(grid, threads, 128, count, [&](uint64_t i) { gpu_bc7::fillFltMax(values, i); });
+        return runGrid(r, uint32_t(count), isDeviceRange(values, count * sizeof(float)), grid, threads, 128, count,
+                       [&](uint64_t i) { gpu_bc7::fillFltMax(values, i); });
     }
     if (name == k::kF32ToU8) return convert(f32(0), u8(1), b::convertF32ToU8);
     if (name == k::kS8ToU8) return convert(s8(0), u8(1), b::convertS8ToU8);
