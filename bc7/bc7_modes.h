@@ -6,10 +6,13 @@
 // One concept a file: modes_tile.h (the tile and the block entry's view of the
 // source), modes_fit.h (rough float fit, eigen-solver), modes_search.h
 // (palette scan, index assignment, endpoint optimisation), modes_scan.h (the
-// vectorised palette scans behind them), modes_refine.h
+// vectorised palette scans behind them), modes_whole.h (their whole-number
+// form with lower bounds), modes_palette.h (endpoint decoding and
+// interpolation for the scans), modes_refine.h
 // (quantisation with p-bits, anchor fix-up, refinement of one shape),
 // modes_partitioned.cpp (modes 0, 1, 2, 3, 7), modes_rotation.cpp (modes 4,
 // 5), mode6.cpp and modes_driver.cpp (the block entry and the mode order).
+#include <cfloat>
 #include <cstdint>
 
 #include "bc7/modes_tile.h"
@@ -30,8 +33,13 @@ float encode_mode7(const Tile& tile, uint8_t out[16]);
 
 // Mode 0, 1, 2, 3 or 7 as above, taking the regions' rough fits from `fits`
 // (and adding those it makes): the mode driver shares them across modes.
+// With a `beat` below FLT_MAX the result is that of the plain call whenever
+// that is below `beat`, and otherwise some value at least `beat` (`out` may
+// then hold any block of the mode): a block that cannot beat it is left early.
 class RegionFits;
-float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits& fits);
+float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits& fits, float beat = FLT_MAX);
+// Mode 4 or 5 as above, with `beat` as for encode_partitioned.
+float encode_rotation(int mode, const Tile& tile, uint8_t out[16], float beat);
 
 // What the mode driver did: each mode's error (FLT_MAX when not tried) and
 // the mode whose block was kept (-1 when none produced a block).
@@ -42,7 +50,10 @@ struct ModeTrace {
 
 // Tries modes 0 to 3 (only when `try_opaque_modes`) and then 4 to 7, in that
 // order; a mode's block replaces the output only when its error is strictly
-// smaller than the best so far. Returns the kept block's error.
+// smaller than the best so far. Returns the kept block's error. Without a
+// trace the modes are tried in another order and stop working on blocks that
+// cannot win; the kept block is the same (the least error, the earliest mode
+// among equals).
 float encode_modes(const Tile& tile, uint8_t out[16], bool try_opaque_modes, ModeTrace* trace = nullptr);
 
 }  // namespace BC7Modes

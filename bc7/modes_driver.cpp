@@ -1,5 +1,6 @@
 // The high-quality BC7 block entry and the mode driver.
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 
 #include "bc7/bc7_modes.h"
@@ -21,16 +22,30 @@ float encode_modes(const Tile& tile, uint8_t out[16], bool try_opaque_modes, Mod
         for (float& e : trace->modeError) e = FLT_MAX;
         trace->keptMode = -1;
     }
+    // The kept block is the least error, the earliest mode among equals (FLT_MAX
+    // never wins), whatever order the modes are tried in. A trace records every
+    // mode's own error, in order; otherwise modes that often win early go first
+    // (6 and 5 cost little), and the others stop on blocks that cannot win.
+    static constexpr int kInOrder[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+    static constexpr int kWinnersFirst[8] = {6, 5, 1, 3, 0, 4, 2, 7};
+    const int* order = trace ? kInOrder : kWinnersFirst;
     float best = FLT_MAX;
+    int bestMode = 8;
     RegionFits fits;  // the partitioned modes meet the same regions
-    for (int mode = try_opaque_modes ? 0 : 4; mode < 8; ++mode) {
+    for (int i = 0; i < 8; ++i) {
+        const int mode = order[i];
+        if (mode < 4 && !try_opaque_modes) continue;
         uint8_t block[16];
+        // To win, a mode must beat the best so far, or equal it from an earlier place.
+        const float beat = trace ? FLT_MAX : mode < bestMode ? std::nextafter(best, INFINITY) : best;
         const bool partitioned = mode < 4 || mode == 7;
-        const float err = partitioned ? encode_partitioned(mode, tile, block, fits) : kEncoders[mode](tile, block);
+        const float err = partitioned                ? encode_partitioned(mode, tile, block, fits, beat)
+                          : mode == 4 || mode == 5 ? encode_rotation(mode, tile, block, beat)
+                                                   : kEncoders[mode](tile, block);
         if (trace) trace->modeError[mode] = err;
-        // Only a strictly smaller error wins: ties keep the earlier mode, FLT_MAX never wins.
-        if (err < best) {
+        if (err < best || (err == best && mode < bestMode && err < FLT_MAX)) {
             best = err;
+            bestMode = mode;
             std::memcpy(out, block, sizeof block);
             if (trace) trace->keptMode = mode;
         }

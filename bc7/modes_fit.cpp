@@ -3,6 +3,9 @@
 #include <cfloat>
 #include <cmath>
 
+#include "core/assert.h"
+#include "core/vec4.h"
+
 namespace BC7Modes {
 
 namespace {
@@ -110,21 +113,33 @@ bool fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
         return true;
     }
 
-    float mean[4] = {};
-    for (int i = 0; i < np; ++i)
-        for (int c = 0; c < n; ++c) mean[c] += pixels[i][firstChannel + c];
+    // The fitted channels of every pixel in lanes 0..n-1 (0 elsewhere); the
+    // sums below take the very operations, in the very order, of one channel
+    // at a time.
+    using glyptora_simd::Vec4f;
+    GLYPTORA_ASSERT(np <= 16);
+    const int count = np < 16 ? np : 16;
+    alignas(16) float value[16][4] = {};
+    for (int i = 0; i < count; ++i)
+        for (int c = 0; c < n; ++c) value[i][c] = pixels[i][firstChannel + c];
+    Vec4f sum(0.0f);
+    for (int i = 0; i < count; ++i) sum = sum + Vec4f::load(value[i]);
     const float inverse = 1.0f / float(np);
-    for (int c = 0; c < n; ++c) mean[c] *= inverse;
+    alignas(16) float mean[4];
+    (sum * Vec4f(inverse)).store(mean);
 
     float covariance[4][4] = {};
-    for (int i = 0; i < np; ++i) {
-        float d[4];
-        for (int c = 0; c < n; ++c) d[c] = pixels[i][firstChannel + c] - mean[c];
-        for (int r = 0; r < n; ++r)
-            for (int c = 0; c < n; ++c) covariance[r][c] += d[r] * d[c];
+    Vec4f row[4];
+    for (int i = 0; i < count; ++i) {
+        alignas(16) float d[4];
+        (Vec4f::load(value[i]) - Vec4f::load(mean)).store(d);
+        for (int r = 0; r < n; ++r) row[r] = row[r] + Vec4f(d[r]) * Vec4f::load(d);
     }
-    for (int r = 0; r < n; ++r)
-        for (int c = 0; c < n; ++c) covariance[r][c] *= inverse;
+    for (int r = 0; r < n; ++r) {
+        alignas(16) float out[4];
+        (row[r] * Vec4f(inverse)).store(out);
+        for (int c = 0; c < n; ++c) covariance[r][c] = out[c];
+    }
 
     bool flat = true;
     for (int c = 0; c < n; ++c) flat = flat && covariance[c][c] == 0.0f;
@@ -140,12 +155,21 @@ bool fit_region(const float pixels[][4], int np, int firstChannel, int endChanne
         for (int c = 0; c < n; ++c) axis[c] = 1.0f / std::sqrt(float(n));
     }
 
+    // Projections four pixels at a time (a pixel per lane, the channels
+    // added in order), then the extremes in pixel order.
+    alignas(16) float projection[16];
+    for (int i = 0; i < count; i += 4) {
+        Vec4f lane[4] = {Vec4f::load(value[i]), Vec4f::load(value[i + 1]), Vec4f::load(value[i + 2]),
+                         Vec4f::load(value[i + 3])};
+        glyptora_simd::transpose4(lane[0], lane[1], lane[2], lane[3]);
+        Vec4f p(0.0f);
+        for (int c = 0; c < n; ++c) p = p + (lane[c] - Vec4f(mean[c])) * Vec4f(axis[c]);
+        p.store(projection + i);
+    }
     float lowest = FLT_MAX, highest = -FLT_MAX;
-    for (int i = 0; i < np; ++i) {
-        float projection = 0.0f;
-        for (int c = 0; c < n; ++c) projection += (pixels[i][firstChannel + c] - mean[c]) * axis[c];
-        if (projection < lowest) lowest = projection;
-        if (projection > highest) highest = projection;
+    for (int i = 0; i < count; ++i) {
+        if (projection[i] < lowest) lowest = projection[i];
+        if (projection[i] > highest) highest = projection[i];
     }
     for (int c = 0; c < n; ++c) {
         endpts.A[firstChannel + c] = clamp(mean[c] + axis[c] * lowest);

@@ -10,8 +10,8 @@ struct FltEndpts {
     float B[4] = {};
 };
 
-// Fits `np` pixels in the channels [firstChannel, endChannel) of A and B (the
-// other channels are left as they are):
+// Fits `np` (at most 16) pixels in the channels [firstChannel, endChannel)
+// of A and B (the other channels are left as they are):
 // - no pixel: the channels are 0; one pixel: both endpoints on it; two
 //   pixels: one endpoint on each;
 // - otherwise the endpoints are the extremes of the pixels projected on the

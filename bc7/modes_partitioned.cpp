@@ -73,7 +73,7 @@ struct RoughShape {
 
 }  // namespace
 
-float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits& fits) {
+float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits& fits, float beat) {
     const ModeInfo& info = kModeInfo[mode];
     // Rough pass over every shape.
     RoughShape rough[64];
@@ -95,13 +95,15 @@ float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits
         }
     }
 
-    // Refine them in order until one is exact.
+    // Refine them in order until one is exact (a refinement that cannot beat
+    // the best so far, or `beat`, stops early).
     float best = FLT_MAX;
     RefinedShape best_block;
     int best_shape = 0;
     for (int i = 0; i < info.refined && best > 0.0f; ++i) {
         RefinedShape block;
-        const float err = refine_shape(tile, info, rough[i].shapeindex, rough[i].endpts, block);
+        const float limit = best < beat ? best : beat;
+        const float err = refine_shape(tile, info, rough[i].shapeindex, rough[i].endpts, block, limit);
         if (err < best) {
             best = err;
             best_block = block;

@@ -208,7 +208,7 @@ void swap_indices(const ModeInfo& info, int shapeindex, IntEndpts endpts[3], int
 }
 
 float refine_shape(const Tile& tile, const ModeInfo& info, int shapeindex, const FltEndpts rough[3],
-                   RefinedShape& out) {
+                   RefinedShape& out, float beat) {
     Segment segs[3];
     make_shape_segments(tile, info, shapeindex, segs);
 
@@ -218,22 +218,28 @@ float refine_shape(const Tile& tile, const ModeInfo& info, int shapeindex, const
     float orig_err[3];
     assign_indices(segs, orig_endpts, info.regions, orig_indices, orig_err);
     swap_indices(info, shapeindex, orig_endpts, orig_indices);
+    float orig_toterr = 0.0f;
+    for (int region = 0; region < info.regions; ++region) orig_toterr += orig_err[region];
 
+    // Each region is optimised and assigned on its own (they are independent).
     IntEndpts opt_endpts[3];
-    for (int region = 0; region < info.regions; ++region) {
+    int opt_indices[kTexels];
+    float opt_err[3] = {};
+    bool done[3] = {};
+    int order[3];
+    largest_first(orig_err, info.regions, order);
+    for (int k = 0; k < info.regions; ++k) {
+        const int region = order[k];
         opt_endpts[region] = orig_endpts[region];
         optimize_one(segs[region], orig_err[region], opt_endpts[region]);
+        assign_indices(&segs[region], &opt_endpts[region], 1, opt_indices, &opt_err[region]);
+        done[region] = true;
+        if (k + 1 < info.regions && cannot_beat(opt_err, done, info.regions, orig_toterr, beat)) return FLT_MAX;
     }
-    int opt_indices[kTexels];
-    float opt_err[3];
-    assign_indices(segs, opt_endpts, info.regions, opt_indices, opt_err);
     swap_indices(info, shapeindex, opt_endpts, opt_indices);
 
-    float orig_toterr = 0.0f, opt_toterr = 0.0f;
-    for (int region = 0; region < info.regions; ++region) {
-        orig_toterr += orig_err[region];
-        opt_toterr += opt_err[region];
-    }
+    float opt_toterr = 0.0f;
+    for (int region = 0; region < info.regions; ++region) opt_toterr += opt_err[region];
     const bool optimised = opt_toterr < orig_toterr;
     for (int region = 0; region < info.regions; ++region)
         out.endpts[region] = optimised ? opt_endpts[region] : orig_endpts[region];

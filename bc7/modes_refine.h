@@ -3,6 +3,8 @@
 // alpha share one index set (0, 1, 2, 3, 6, 7): endpoint quantisation with the
 // p-bit votes (compress_one), index assignment, the anchor fix-up
 // (swap_indices) and the endpoint optimisation.
+#include <cfloat>
+
 #include "bc7/modes_fit.h"
 #include "bc7/modes_layout.h"
 #include "bc7/modes_search.h"
@@ -61,8 +63,9 @@ void swap_indices(const ModeInfo& info, int shapeindex, IntEndpts endpts[3], int
 
 // Quantise, assign, fix anchors, optimise every region, assign and fix again;
 // keeps the optimised endpoints only when their total is strictly smaller.
-// Returns the kept block's error.
+// Returns the kept block's error, or FLT_MAX (`out` unfinished) as soon as
+// that error can no longer be below `beat` (see cannot_beat).
 float refine_shape(const Tile& tile, const ModeInfo& info, int shapeindex, const FltEndpts rough[3],
-                   RefinedShape& out);
+                   RefinedShape& out, float beat = FLT_MAX);
 
 }  // namespace BC7Modes

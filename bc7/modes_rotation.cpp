@@ -104,8 +104,10 @@ void swap_indices(const ModeInfo& info, int indexmode, IntEndpts endpts[2], int 
     }
 }
 
+// refine_shape for the colour and alpha parts of one index mode: FLT_MAX
+// (`out` unfinished) as soon as the block can no longer be below `beat`.
 float refine(const Tile& tile, const ModeInfo& info, int indexmode, const FltEndpts& rough_endpts,
-             RotationBlock& out) {
+             RotationBlock& out, float beat) {
     Segment segs[2];
     make_segments(tile, info, indexmode, segs);
 
@@ -117,15 +119,23 @@ float refine(const Tile& tile, const ModeInfo& info, int indexmode, const FltEnd
         assign_indices(&segs[part], &orig_endpts[part], 1, orig_indices[part], &orig_err[part]);
     swap_indices(info, indexmode, orig_endpts, orig_indices);
 
+    const float orig_toterr = orig_err[0] + orig_err[1];
+    // Each part is optimised and assigned on its own (they are independent).
     IntEndpts opt_endpts[2] = {orig_endpts[0], orig_endpts[1]};
-    for (int part = 0; part < 2; ++part) optimize_one(segs[part], orig_err[part], opt_endpts[part]);
     int opt_indices[2][kTexels];
-    float opt_err[2];
-    for (int part = 0; part < 2; ++part)
+    float opt_err[2] = {};
+    bool done[2] = {};
+    int order[2];
+    largest_first(orig_err, 2, order);
+    for (int k = 0; k < 2; ++k) {
+        const int part = order[k];
+        optimize_one(segs[part], orig_err[part], opt_endpts[part]);
         assign_indices(&segs[part], &opt_endpts[part], 1, opt_indices[part], &opt_err[part]);
+        done[part] = true;
+        if (k == 0 && cannot_beat(opt_err, done, 2, orig_toterr, beat)) return FLT_MAX;
+    }
     swap_indices(info, indexmode, opt_endpts, opt_indices);
 
-    const float orig_toterr = orig_err[0] + orig_err[1];
     const float opt_toterr = opt_err[0] + opt_err[1];
     const bool optimised = opt_toterr < orig_toterr;
     for (int part = 0; part < 2; ++part) {
@@ -180,7 +190,7 @@ void emit_block(const ModeInfo& info, int rotation, int indexmode, const Rotatio
     BC7_MODE_ASSERT(info.mode, out.getptr() == BC7Modes::BITSIZE);
 }
 
-float encode_rotation_mode(const ModeInfo& info, const Tile& tile, uint8_t out[16]) {
+float encode_rotation_mode(const ModeInfo& info, const Tile& tile, uint8_t out[16], float beat) {
     const int indexmodes = info.mode == 4 ? 2 : 1;
     float best = FLT_MAX;
     for (int rotation = 0; rotation < 4 && best > 0.0f; ++rotation) {
@@ -189,7 +199,7 @@ float encode_rotation_mode(const ModeInfo& info, const Tile& tile, uint8_t out[1
         rough(rotated, rough_endpts);
         for (int indexmode = 0; indexmode < indexmodes && best > 0.0f; ++indexmode) {
             RotationBlock block;
-            const float err = refine(rotated, info, indexmode, rough_endpts, block);
+            const float err = refine(rotated, info, indexmode, rough_endpts, block, best < beat ? best : beat);
             if (err < best) {
                 best = err;
                 emit_block(info, rotation, indexmode, block, out);
@@ -201,7 +211,10 @@ float encode_rotation_mode(const ModeInfo& info, const Tile& tile, uint8_t out[1
 
 }  // namespace
 
-float encode_mode4(const Tile& tile, uint8_t out[16]) { return encode_rotation_mode(kModeInfo[4], tile, out); }
-float encode_mode5(const Tile& tile, uint8_t out[16]) { return encode_rotation_mode(kModeInfo[5], tile, out); }
+float encode_rotation(int mode, const Tile& tile, uint8_t out[16], float beat) {
+    return encode_rotation_mode(kModeInfo[mode], tile, out, beat);
+}
+float encode_mode4(const Tile& tile, uint8_t out[16]) { return encode_rotation_mode(kModeInfo[4], tile, out, FLT_MAX); }
+float encode_mode5(const Tile& tile, uint8_t out[16]) { return encode_rotation_mode(kModeInfo[5], tile, out, FLT_MAX); }
 
 }  // namespace BC7Modes

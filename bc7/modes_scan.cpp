@@ -3,6 +3,9 @@
 #include <cfloat>
 #include <cstdint>
 
+#include "bc7/bc7_simd.h"
+#include "bc7/modes_palette.h"
+#include "bc7/modes_whole.h"
 #include "bc7/utils.h"
 #include "core/vec4.h"
 
@@ -24,18 +27,8 @@ inline bool keepTexel(const Segment& seg, int k, int bestindex, float besterr, f
 }
 
 using glyptora_simd::Vec4f;
-
-// Utils::unquantize of every code of the precisions 4..8 (the same integers).
-struct UnquantTable {
-    uint8_t value[9][256];
-};
-constexpr UnquantTable makeUnquantTable() {
-    UnquantTable t{};
-    for (int prec = 4; prec <= 8; ++prec)
-        for (int q = 0; q < (1 << prec); ++q) t.value[prec][q] = uint8_t((q << (8 - prec)) | (q >> (2 * prec - 8)));
-    return t;
-}
-constexpr UnquantTable kUnquant = makeUnquantTable();
+using namespace palette_detail;
+namespace lanes = glyptora_bc7::lanes;
 
 // decode_endpoint of a given stored value and p-bit: the table for the
 // precisions it covers, Utils::unquantize (with its checks) otherwise.
@@ -49,29 +42,14 @@ int decode_value(const Segment& seg, int value, int pbit, int ch) {
     return Utils::unquantize(value, prec);
 }
 
-// Utils::lerp's weights of each index, for 2-, 3- and 4-bit indices.
-struct LerpWeights {
-    int a[3][16];
-    int b[3][16];
-};
-constexpr LerpWeights makeLerpWeights() {
-    LerpWeights w{};
-    for (int i = 0; i < 16; ++i) {
-        if (i < 4) w.a[0][i] = kWeights4[15 - i * 5], w.b[0][i] = kWeights4[i * 5];
-        if (i < 8) w.a[1][i] = kWeights3[7 - i], w.b[1][i] = kWeights3[i];
-        w.a[2][i] = kWeights4[15 - i], w.b[2][i] = kWeights4[i];
-    }
-    return w;
-}
-constexpr LerpWeights kLerp = makeLerpWeights();
-
 bool fast_index_bits(const Segment& seg) { return seg.indexBits >= 2 && seg.indexBits <= 4; }
 
-// Channel c of every entry: the integer interpolation of Utils::lerp.
+// Channel c of every entry: the integer interpolation of Utils::lerp (the
+// decoded values are small whole numbers, for which lerp4 is exact).
 void set_channel(const Segment& seg, int c, int a, int b, ScanPalette& pal) {
     const int set = seg.indexBits - 2;
-    for (int i = 0; i < pal.entries; ++i)
-        pal.value[c][i] = float((kLerp.a[set][i] * a + kLerp.b[set][i] * b + 32) >> 6);
+    const Vec4f va{float(a)}, vb{float(b)};
+    for (int q = 0; q < pal.entries; q += 4) lerp4(set, q, va, vb).store(&pal.value[c][q]);
 }
 
 // The palette scan on plain squared error (no weight flags, no
@@ -82,47 +60,49 @@ void set_channel(const Segment& seg, int c, int a, int b, ScanPalette& pal) {
 // with that error; it stops at the first error above the one before it (the
 // stop at a best of 0 changes nothing: nothing after it is taken). That holds
 // while every error is below FLT_MAX, the walk's starting best; a texel with a
-// larger error takes the walk entry by entry.
+// larger error takes the walk entry by entry. Every entry is computed, so
+// that the texel takes no branch on its errors.
 float scan_plain(const Segment& seg, const ScanPalette& pal, float beat, int indices[kTexels]) {
+    using glyptora_simd::moveMask;
     float toterr = 0.0f;
     const Vec4f below(FLT_MAX);
+    const int entries = pal.entries;
     for (int k = 0; k < seg.count; ++k) {
         const Vec4f r(seg.pixel[k][0]), g(seg.pixel[k][1]), b(seg.pixel[k][2]), a(seg.pixel[k][3]);
         const Vec4f w(seg.weight[k]);
-        float besterr = FLT_MAX;
-        int bestindex = -1;
+        // Every entry's error, whether all lie below FLT_MAX, and where each
+        // is above the one before it (bit `entries` stands for the end).
+        alignas(16) float err[16];
+        int allBelow = 1, rising = 1 << entries;
         float lastErr = FLT_MAX;  // the error of the entry before the group
-        for (int q = 0; q < pal.entries; q += 4) {
+        int q = 0;
+        do {
             const Vec4f dr = r - Vec4f::load(&pal.value[0][q]);
             const Vec4f dg = g - Vec4f::load(&pal.value[1][q]);
             const Vec4f db = b - Vec4f::load(&pal.value[2][q]);
             const Vec4f da = a - Vec4f::load(&pal.value[3][q]);
             const Vec4f e = (dr * dr + dg * dg + db * db + da * da) * w;
-            alignas(16) float err[4];
-            e.store(err);
-            if (glyptora_simd::moveMask(glyptora_simd::cmpLess(e, below)) != 0xF) {
-                // Entry by entry, as map_colors walks.
-                int j = 0;
-                for (; j < 4; ++j) {
-                    if (err[j] > besterr) break;
-                    if (err[j] < besterr) besterr = err[j], bestindex = q + j;
-                    if (besterr == 0.0f) break;
-                }
-                if (j < 4) break;
-                lastErr = err[3];
-                continue;
+            e.store(err + q);
+            allBelow &= moveMask(glyptora_simd::cmpLess(e, below)) == 0xF;
+            rising |= moveMask(glyptora_simd::cmpGreater(e, glyptora_simd::shiftUp(e, lastErr))) << q;
+            lastErr = err[q + 3];
+            q += 4;
+        } while (q < entries);
+        float besterr = FLT_MAX;
+        int bestindex = -1;
+        if (allBelow) {
+            besterr = err[__builtin_ctz(unsigned(rising)) - 1];
+            int same = 0;
+            for (int at = 0; at < entries; at += 4)
+                same |= moveMask(glyptora_simd::cmpEqual(Vec4f::load(err + at), Vec4f(besterr))) << at;
+            bestindex = __builtin_ctz(unsigned(same));
+        } else {
+            // Entry by entry, as map_colors walks.
+            for (int j = 0; j < entries; ++j) {
+                if (err[j] > besterr) break;
+                if (err[j] < besterr) besterr = err[j], bestindex = j;
+                if (besterr == 0.0f) break;
             }
-            // Each entry's error against the one before it.
-            const Vec4f before = glyptora_simd::shiftUp(e, lastErr);
-            const int rising = glyptora_simd::moveMask(glyptora_simd::cmpGreater(e, before));
-            const int walked = rising ? __builtin_ctz(unsigned(rising)) : 4;
-            if (walked > 0 && err[walked - 1] < besterr) {
-                besterr = err[walked - 1];
-                const int same = glyptora_simd::moveMask(glyptora_simd::cmpEqual(e, Vec4f(besterr)));
-                bestindex = q + __builtin_ctz(unsigned(same));
-            }
-            if (walked < 4 || besterr == 0.0f) break;
-            lastErr = err[3];
         }
         if (!keepTexel(seg, k, bestindex, besterr, beat, toterr, indices)) return FLT_MAX;
     }
@@ -225,6 +205,28 @@ SumLanes sum_lanes_for(const ChannelScan& scan, int indexBits) {
     }
 }
 
+// What prepare_channel_scan works out once per segment.
+void know_segment(const Segment& seg, ChannelScan& scan) {
+    scan.boundedTexels = bounded(seg);
+    bool unit = true;
+    for (int k = 0; k < seg.count; ++k) unit &= seg.weight[k] == 0.0f || seg.weight[k] == 1.0f;
+    scan.unitWeights = unit;
+    scan.scanned = 0;
+    for (int k = 0; k < seg.count; ++k) {
+        scan.texel[scan.scanned] = k;
+        scan.scanned += !unit || seg.weight[k] != 0.0f;
+    }
+    // Whole-number texels against whole-number palettes (the channels not
+    // carried compare with `fixed`).
+    bool whole = seg.wholeTexels && unit;
+    for (int c = 0; c < 4; ++c)
+        if (c < seg.firstChannel || c >= seg.endChannel)
+            whole = whole && seg.fixed[c] >= 0.0f && seg.fixed[c] <= 255.0f && seg.fixed[c] == float(int(seg.fixed[c]));
+    scan.wholeTexels = whole;
+    if (whole) set_whole_values(seg, scan);
+    scan.segmentKnown = true;
+}
+
 }  // namespace
 
 void to_scan_palette(const Segment& seg, const float palette[16][4], ScanPalette& pal) {
@@ -247,7 +249,7 @@ void build_scan_palette(const Segment& seg, const IntEndpts& endpts, ScanPalette
             set_channel(seg, c, decode_value(seg, endpts.A[c], endpts.pbitA, c),
                         decode_value(seg, endpts.B[c], endpts.pbitB, c), pal);
         else
-            for (int i = 0; i < pal.entries; ++i) pal.value[c][i] = seg.fixed[c];
+            for (int q = 0; q < pal.entries; q += 4) Vec4f(seg.fixed[c]).store(&pal.value[c][q]);
     }
 }
 
@@ -278,16 +280,16 @@ float scan_palette(const Segment& seg, const ScanPalette& pal, float beat, int i
 // (another error measure, other index sizes or precisions, unbounded texels).
 void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, ChannelScan& scan) {
     scan.ch = ch;
+    if (!scan.segmentKnown) know_segment(seg, scan);
     const int decodedPrec = seg.prec[ch] + (seg.hasPBits ? 1 : 0);
     const bool plain = !flag_luma_weights && !flag_alt_luma_weights && !(seg.alphaWithColour && flag_premult);
-    scan.usable = plain && fast_index_bits(seg) && decodedPrec >= 4 && decodedPrec <= 8 && bounded(seg);
+    scan.usable = plain && fast_index_bits(seg) && decodedPrec >= 4 && decodedPrec <= 8 && scan.boundedTexels;
     if (!scan.usable) return;
-    scan.unitWeights = true;
-    for (int k = 0; k < seg.count; ++k)
-        scan.unitWeights = scan.unitWeights && (seg.weight[k] == 0.0f || seg.weight[k] == 1.0f);
-    scan.scanned = 0;
-    for (int k = 0; k < seg.count; ++k)
-        if (!scan.unitWeights || seg.weight[k] != 0.0f) scan.texel[scan.scanned++] = k;
+    scan.whole = scan.wholeTexels;
+    if (scan.whole) {
+        prepare_whole(pal, ch, scan);
+        return;
+    }
 
     // The terms in pixel_error's order of addition, and whether each is 0 throughout.
     const int allTerms = ch < 2 ? 3 : ch == 2 ? 2 : 1;
@@ -329,6 +331,20 @@ void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, Ch
     }
 }
 
+namespace {
+
+// Up to four candidates for the values of channel ch.
+struct Candidates {
+    int count = 0;
+    int a[4] = {}, b[4] = {};  // stored values of channel ch of endpoints A and B
+    void add(int va, int vb) { a[count] = va, b[count] = vb, ++count; }
+};
+
+// Scores the candidates against `pal` (built from `endpts`; its channel ch is
+// replaced by each candidate's): err[l] is map_colors' error of candidate l
+// when that is at most beat[l], FLT_MAX otherwise. `scan` was prepared from
+// `pal` for the channel and is not whole-number.
+//
 // Scoring candidates side by side gives the decisions of scoring them one
 // after the other: a candidate counts only when its error is below the best
 // so far, and a scan abandoned beyond a larger beat is abandoned beyond a
@@ -377,6 +393,57 @@ void score_candidates(const Segment& seg, const IntEndpts& endpts, const ScanPal
     alignas(16) float sums[4];
     toterr.store(sums);
     for (int l = 0; l < cand.count; ++l) err[l] = sums[l] > beat[l] ? FLT_MAX : sums[l];
+}
+
+}  // namespace
+
+// The whole-number form bounds eight candidates at a time (places beyond
+// `end` get a beat of 0, which every bound reaches at once); lower[l] is 0
+// where the bound stays below beat[l] and FLT_MAX where it does not (the
+// error is then at least beat[l]). Otherwise the candidates are scored four
+// at a time.
+void evaluate_candidates(const Segment& seg, const IntEndpts& endpts, const ChannelScan& scan, CandidateBatch& batch,
+                         int begin, int end) {
+    batch.exact = !bounds_cheap(scan);
+    batch.live = 0;
+    if (batch.exact) {
+        ScanPalette pal;
+        build_scan_palette(seg, endpts, pal);
+        for (int g = begin; g < end; g += 4) {
+            Candidates cand;
+            for (int l = g; l < end && l < g + 4; ++l) cand.add(batch.a[l], batch.b[l]);
+            score_candidates(seg, endpts, pal, scan, cand, &batch.beat[g], &batch.lower[g]);
+        }
+        for (int l = begin; l < end; ++l)
+            if (batch.lower[l] < batch.beat[l]) batch.live |= uint64_t(1) << l;
+        return;
+    }
+    const ChannelDecode decode(seg, endpts, scan.ch);
+    const Vec4f zero(0.0f), ruledOut(FLT_MAX);
+    // Places of a group beyond `end` are decoded too (the batch was closed).
+    for (int g = begin; g < end; g += 8) {
+        alignas(16) int a[8], b[8];
+        for (int i = 0; i < 8; ++i) a[i] = decode.a(batch.a[g + i]), b[i] = decode.b(batch.b[g + i]);
+        const int filled = (1 << (end - g < 8 ? end - g : 8)) - 1;
+        alignas(16) float beats[8];
+        lanes::keep(lanes::laneMask(filled), Vec4f::load(&batch.beat[g])).store(beats);
+        lanes::keep(lanes::laneMask(filled >> 4), Vec4f::load(&batch.beat[g + 4])).store(beats + 4);
+        const int live = bound_whole_lanes(scan, seg.indexBits, a, b, beats);
+        batch.live |= uint64_t(live) << g;
+        glyptora_simd::select(lanes::laneMask(live), zero, ruledOut).store(&batch.lower[g]);
+        glyptora_simd::select(lanes::laneMask(live >> 4), zero, ruledOut).store(&batch.lower[g + 4]);
+    }
+}
+
+float resolve_candidate(const Segment& seg, const IntEndpts& endpts, const ChannelScan& scan,
+                        const CandidateBatch& batch, int l, float beat) {
+    if (batch.exact) return batch.lower[l] > beat ? FLT_MAX : batch.lower[l];
+    const ChannelDecode decode(seg, endpts, scan.ch);
+    const int set = seg.indexBits - 2;
+    const Vec4f a(float(decode.a(batch.a[l]))), b(float(decode.b(batch.b[l])));
+    alignas(16) float v[16];
+    for (int q = 0; q < (4 << set); q += 4) lerp4(set, q, a, b).store(v + q);
+    return scan_whole(scan, seg.indexBits, v, beat);
 }
 
 }  // namespace BC7Modes

@@ -1,8 +1,11 @@
 #pragma once
 // The palette scans behind map_colors and the endpoint searches: palettes laid
-// out channel by channel, the scan of one palette, and the scoring of up to
-// four candidates that differ in one channel side by side. Every result is
-// that of map_colors, bit for bit (same operations, same order per texel).
+// out channel by channel, the scan of one palette, and the scoring of batches
+// of candidates that differ in one channel (side by side, or ruled out by
+// lower bounds in the whole-number form of modes_whole.h). Every error is
+// that of map_colors, bit for bit.
+#include <cstdint>
+
 #include "bc7/modes_search.h"
 
 namespace BC7Modes {
@@ -35,31 +38,96 @@ float scan_palette(const Segment& seg, const ScanPalette& pal, float beat, int i
 // texel and entry are left out (adding 0 changes nothing), and so are the
 // multiply and the texels of weight 0 when every weight is 0 or 1 (a texel of
 // weight 0 adds an error of exactly 0).
+//
+// Whole-number segments (Segment::wholeTexels with whole `fixed` values)
+// take the form of modes_whole.h instead.
+//
+// A ChannelScan serves one segment: what depends on the segment alone is
+// worked out on its first preparation.
 struct ChannelScan {
     int ch = 0;
     int terms = 0;            // terms kept, 0 to 3
     bool usable = false;      // plain measure, 2- to 4-bit indices, every texel bounded
     bool unitWeights = false; // every weight is 0 or 1
+    bool whole = false;       // the whole-number form replaces `term`
     int scanned = 0;          // texels scanned: their positions in the segment, ascending
     int texel[Tile::TILE_TOTAL];
     alignas(16) float term[Tile::TILE_TOTAL][16][3][4];
+
+    bool segmentKnown = false;  // the three below are set
+    bool boundedTexels = false; // see `usable`
+    bool wholeTexels = false;   // the whole-number form applies
+
+    // The whole-number form of each channel (modes_whole.h), by scanned
+    // texel n: the channel's value in four float and eight 16-bit lanes (set
+    // once a segment); and, made from the palette values of the other
+    // channels (`key`; kept while they stay the same), the squared distance
+    // of every entry in those channels (`other`) and `near`, in eight 16-bit
+    // lanes clamped to 65535: for 4-entry palettes `other` of every entry; for
+    // larger ones `other` at J - 1, J and J + 1, J being the entry of least
+    // `other` (the first; 65535 beyond the palette; below and above are J - 1
+    // and J + 1 kept within it), and the least `other` of the remaining
+    // entries (also in `rest`).
+    static constexpr float kOutside = 1e30f;
+    struct WholeForm {
+        bool known = false;
+        alignas(16) float key[4][16];
+        alignas(16) float value[Tile::TILE_TOTAL][4];
+        alignas(16) float other[Tile::TILE_TOTAL][16];
+        int below[Tile::TILE_TOTAL], nearest[Tile::TILE_TOTAL], above[Tile::TILE_TOTAL];
+        float rest[Tile::TILE_TOTAL];
+        alignas(16) uint16_t value16[Tile::TILE_TOTAL][8];
+        alignas(16) uint16_t near[Tile::TILE_TOTAL][4][8];
+    };
+    WholeForm form[4];
+    // Squared differences per channel, texel and entry, and the palette
+    // values they were taken from (kept while those stay the same).
+    alignas(16) float square[4][Tile::TILE_TOTAL][16];
+    alignas(16) float squareOf[4][16];
+    bool squareKnown[4] = {};
 };
 
 void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, ChannelScan& scan);
 
-// Up to four candidates for the values of channel ch, everything else as in
-// the endpoints they are scored against.
-struct Candidates {
+// Whether candidates are cheap to rule out (the whole-number form): the
+// searches then hand over many candidates at once, those of later steps
+// included, and score exactly only the few that the bounds leave.
+inline bool bounds_cheap(const ChannelScan& scan) { return scan.usable && scan.whole; }
+
+// Candidates for the values of channel ch, everything else as in the
+// endpoints they are scored against, each with the error it must beat, in
+// the order a search tries them.
+struct CandidateBatch {
+    static constexpr int kMax = 64;
+    static constexpr int kRoom = kMax + 8;  // whole groups of eight, and room to write ahead
     int count = 0;
-    int a[4] = {}, b[4] = {};  // stored values of channel ch of endpoints A and B
-    void add(int va, int vb) { a[count] = va, b[count] = vb, ++count; }
+    // Stored values of channel ch of endpoints A and B.
+    int a[kRoom], b[kRoom];
+    float beat[kRoom];
+    // After evaluate_candidates: the error of candidate l lies below a value
+    // t <= beat[l] only if lower[l] < t, and `live` has bit l set where
+    // lower[l] < beat[l] (the other candidates can be passed over). With
+    // `exact`, lower[l] is the error itself whenever that is at most beat[l].
+    float lower[kRoom];
+    uint64_t live = 0;
+    bool exact = false;
+    // Fills the eight places after the candidates (evaluate_candidates reads
+    // whole groups of eight).
+    void close() {
+        for (int i = 0; i < 8; ++i) a[count + i] = 0, b[count + i] = 0, beat[count + i] = 0.0f;
+    }
 };
 
-// Scores the candidates against `pal` (built from `endpts`; its channel ch is
-// replaced by each candidate's): err[l] is map_colors' error of candidate l
-// when that is at most beat[l], FLT_MAX otherwise. `scan` was prepared from
-// `pal` for the channel; candidate values lie in 0..(1 << seg.prec[ch]) - 1.
-void score_candidates(const Segment& seg, const IntEndpts& endpts, const ScanPalette& pal, const ChannelScan& scan,
-                      const Candidates& cand, const float beat[4], float err[4]);
+// Works out `lower` and `live` for candidates begin..end - 1 of a closed
+// batch (`live` loses every other bit): each candidate is `endpts` with
+// channel ch replaced. `scan` was prepared for the channel from the palette
+// of `endpts`; candidate values lie in 0..(1 << seg.prec[ch]) - 1.
+void evaluate_candidates(const Segment& seg, const IntEndpts& endpts, const ChannelScan& scan, CandidateBatch& batch,
+                         int begin, int end);
+
+// map_colors' error of candidate l of an evaluated batch when that is at
+// most `beat` (<= its own beat), FLT_MAX otherwise.
+float resolve_candidate(const Segment& seg, const IntEndpts& endpts, const ChannelScan& scan,
+                        const CandidateBatch& batch, int l, float beat);
 
 }  // namespace BC7Modes

@@ -1,6 +1,7 @@
 #include "bc7/modes_search.h"
 
 #include <cfloat>
+#include <cstdint>
 
 #include "bc7/modes_assert.h"
 #include "bc7/modes_scan.h"
@@ -25,59 +26,80 @@ struct Perturbation {
     int* indices;
 };
 
-// Runs one or two searches on channel ch in step, their candidates scored
-// side by side (the searches are independent; each keeps its own order).
+// Runs one or two searches on channel ch side by side (the searches are
+// independent; each keeps its own order). Each round hands over the
+// candidates of the next step of each search, or, where candidates are
+// cheap to rule out, of every remaining step from the search's current
+// value: a search that moves drops the rest of its round (tried again from
+// the new value next round), and no decision changes, as a candidate ruled
+// out against an earlier best is ruled out against a smaller one.
 // `scan` is prepared here unless `prepared`: it depends on the channels other
 // than ch only, which the searches leave alone.
 void perturb(const Segment& seg, int ch, Perturbation runs[], int count, ChannelScan& scan, bool prepared) {
     const int prec = seg.prec[ch];
     const int top = (1 << prec) - 1;
-    // Only channel ch changes between candidates: build the palette once
-    // (the searches differ in channel ch only).
-    ScanPalette pal;
-    build_scan_palette(seg, *runs[0].endpts, pal);
-    if (!prepared) prepare_channel_scan(seg, pal, ch, scan);
+    if (!prepared) {
+        ScanPalette pal;
+        build_scan_palette(seg, *runs[0].endpts, pal);
+        prepare_channel_scan(seg, pal, ch, scan);
+    }
+    const bool ahead = bounds_cheap(scan);
+    int next[2] = {prec - 1, count > 1 ? prec - 1 : -1};  // each search's next step is 1 << next (done below 0)
     bool moved[2] = {false, false};
-    for (int step = 1 << (prec - 1); step >= 1; step >>= 1) {
-        // value - step, then value + step of each search.
-        Candidates cand;
-        int first[2], moves[4];
-        float beats[4];
+    while (next[0] >= 0 || next[1] >= 0) {
+        // value - step, then value + step (within the range) of each step of
+        // the round; a value outside the range is written but not counted.
+        CandidateBatch batch;
+        int first[3], last[2];
+        uint8_t stepOf[CandidateBatch::kMax];
         for (int r = 0; r < count; ++r) {
             const IntEndpts& e = *runs[r].endpts;
             const int start = runs[r].which ? e.B[ch] : e.A[ch];
-            first[r] = cand.count;
-            for (int sign = -1; sign <= 1; sign += 2) {
-                const int candidate = start + sign * step;
-                if (candidate < 0 || candidate > top) continue;
-                moves[cand.count] = candidate;
-                beats[cand.count] = runs[r].best;
-                cand.add(runs[r].which ? e.A[ch] : candidate, runs[r].which ? candidate : e.B[ch]);
-            }
+            first[r] = batch.count;
+            last[r] = ahead || next[r] < 0 ? 0 : next[r];
+            for (int x = next[r]; x >= last[r]; --x)
+                for (int sign = -1; sign <= 1; sign += 2) {
+                    const int candidate = start + sign * (1 << x), l = batch.count;
+                    stepOf[l] = uint8_t(x);
+                    batch.a[l] = runs[r].which ? e.A[ch] : candidate;
+                    batch.b[l] = runs[r].which ? candidate : e.B[ch];
+                    batch.beat[l] = runs[r].best;
+                    batch.count += candidate >= 0 && candidate <= top;
+                }
         }
-        if (cand.count == 0) continue;
-        float errs[4];
-        score_candidates(seg, *runs[0].endpts, pal, scan, cand, beats, errs);
+        first[count] = batch.count;
+        batch.close();
+        if (batch.count > 0) evaluate_candidates(seg, *runs[0].endpts, scan, batch, 0, batch.count);
         for (int r = 0; r < count; ++r) {
-            const int end = r + 1 < count ? first[r + 1] : cand.count;
-            int taken = -1;
-            for (int l = first[r]; l < end; ++l)
-                if (errs[l] < runs[r].best) runs[r].best = errs[l], taken = l;
-            if (taken < 0) continue;
-            IntEndpts& e = *runs[r].endpts;
-            (runs[r].which ? e.B[ch] : e.A[ch]) = moves[taken];
-            moved[r] = true;
+            if (next[r] < 0) continue;
+            const int end = first[r + 1];
+            next[r] = last[r] - 1;
+            // Steps without a live candidate keep the value; the first step that moves it ends the round.
+            uint64_t live = batch.live >> first[r] << first[r];
+            while (live && __builtin_ctzll(live) < end) {
+                const int x = stepOf[__builtin_ctzll(live)];
+                int taken = -1;
+                for (int l = __builtin_ctzll(live); l < end && stepOf[l] == x; ++l) {
+                    live &= ~(uint64_t(1) << l);
+                    if (!(batch.live >> l & 1) || !(batch.lower[l] < runs[r].best)) continue;
+                    const float err = resolve_candidate(seg, *runs[0].endpts, scan, batch, l, runs[r].best);
+                    if (err < runs[r].best) runs[r].best = err, taken = l;
+                }
+                if (taken < 0) continue;
+                IntEndpts& e = *runs[r].endpts;
+                (runs[r].which ? e.B[ch] : e.A[ch]) = runs[r].which ? batch.b[taken] : batch.a[taken];
+                moved[r] = true;
+                next[r] = x - 1;
+                break;
+            }
         }
     }
     // The indices of each search's last kept candidate (its scan was not
     // abandoned, so a full scan gives the same indices).
     for (int r = 0; r < count; ++r) {
         if (!moved[r]) continue;
-        const IntEndpts& e = *runs[r].endpts;
-        ScanPalette kept = pal;
-        update_channel(seg, e, ch, e.A[ch], e.B[ch], kept);
         int temp[kTexels];
-        scan_palette(seg, kept, FLT_MAX, temp);
+        map_colors(seg, *runs[r].endpts, FLT_MAX, temp);
         copy_indices(seg, temp, runs[r].indices);
     }
 }
@@ -97,8 +119,9 @@ float perturb_one(const Segment& seg, int ch, int which, float beat, IntEndpts& 
 
 // Tries every pair within 3 steps of the current values of channel ch, never
 // reversing the order of A and B; the upper bound of B is exclusive, that of A
-// inclusive. Keeps the best pair when it beats `err` strictly.
-void exhaustive_search(const Segment& seg, int ch, IntEndpts& endpts, float& err) {
+// inclusive. Keeps the best pair when it beats `err` strictly. `scan` serves
+// the segment (it is prepared here).
+void exhaustive_search(const Segment& seg, int ch, IntEndpts& endpts, float& err, ChannelScan& scan) {
     if (err == 0.0f) return;
     const int a0 = endpts.A[ch], b0 = endpts.B[ch];
     const int topA = (1 << seg.prec[ch]) - 1, topB = (1 << seg.prec[ch]) - 1;
@@ -111,32 +134,38 @@ void exhaustive_search(const Segment& seg, int ch, IntEndpts& endpts, float& err
     int bestA = a0, bestB = b0;
     ScanPalette pal;
     build_scan_palette(seg, endpts, pal);
-    ChannelScan scan;
     prepare_channel_scan(seg, pal, ch, scan);
-    // Candidates are scored four at a time, then taken in their order.
-    Candidates cand;
-    const auto flush = [&]() {
-        const float beats[4] = {best, best, best, best};
-        float errs[4];
-        score_candidates(seg, endpts, pal, scan, cand, beats, errs);
-        for (int l = 0; l < cand.count; ++l)
-            if (errs[l] < best) best = errs[l], bestA = cand.a[l], bestB = cand.b[l];
-        cand.count = 0;
-    };
+    // Every pair in the order of the search (a search writes up to 7 values
+    // ahead and counts those within the bounds).
+    CandidateBatch batch;
     if (a0 <= b0) {
-        for (int a = amin; a <= amax; ++a)
-            for (int b = a > bmin ? a : bmin; b < bmax; ++b) {
-                cand.add(a, b);
-                if (cand.count == 4) flush();
-            }
+        for (int a = amin; a <= amax; ++a) {
+            const int from = a > bmin ? a : bmin;
+            for (int k = 0; k < 7; ++k) batch.a[batch.count + k] = a, batch.b[batch.count + k] = from + k;
+            batch.count += bmax > from ? bmax - from : 0;
+        }
     } else {
-        for (int b = bmin; b < bmax; ++b)
-            for (int a = b > amin ? b : amin; a <= amax; ++a) {
-                cand.add(a, b);
-                if (cand.count == 4) flush();
-            }
+        for (int b = bmin; b < bmax; ++b) {
+            const int from = b > amin ? b : amin;
+            for (int k = 0; k < 7; ++k) batch.a[batch.count + k] = from + k, batch.b[batch.count + k] = b;
+            batch.count += amax >= from ? amax - from + 1 : 0;
+        }
     }
-    if (cand.count > 0) flush();
+    batch.close();
+    // Scored all at once where candidates are cheap to rule out, four at a
+    // time otherwise, each against the best before it; taken in order.
+    const int chunk = bounds_cheap(scan) ? CandidateBatch::kMax : 4;
+    for (int begin = 0; begin < batch.count; begin += chunk) {
+        const int end = begin + chunk < batch.count ? begin + chunk : batch.count;
+        for (int l = begin; l < end; ++l) batch.beat[l] = best;
+        evaluate_candidates(seg, endpts, scan, batch, begin, end);
+        for (uint64_t live = batch.live; live; live &= live - 1) {
+            const int l = __builtin_ctzll(live);
+            if (!(batch.lower[l] < best)) continue;
+            const float e = resolve_candidate(seg, endpts, scan, batch, l, best);
+            if (e < best) best = e, bestA = batch.a[l], bestB = batch.b[l];
+        }
+    }
     if (best < err) {
         endpts.A[ch] = bestA;
         endpts.B[ch] = bestB;
@@ -147,14 +176,16 @@ void exhaustive_search(const Segment& seg, int ch, IntEndpts& endpts, float& err
 }  // namespace
 
 void make_segment(const Tile& tile, const bool member[kTexels], Segment& seg) {
-    seg.count = 0;
+    // Every texel is written at the next place, which only a member keeps.
+    int count = 0;
     for (int i = 0; i < kTexels; ++i) {
-        if (!member[i]) continue;
-        seg.texel[seg.count] = i;
-        for (int c = 0; c < 4; ++c) seg.pixel[seg.count][c] = tile.data[i][c];
-        seg.weight[seg.count] = tile.importance_map[i];
-        ++seg.count;
+        seg.texel[count] = i;
+        for (int c = 0; c < 4; ++c) seg.pixel[count][c] = tile.data[i][c];
+        seg.weight[count] = tile.importance_map[i];
+        count += member[i] ? 1 : 0;
     }
+    seg.count = count;
+    seg.wholeTexels = tile.whole;
 }
 
 int decode_endpoint(const Segment& seg, const IntEndpts& endpts, int which, int ch) {
@@ -188,7 +219,7 @@ void build_palette(const Segment& seg, const FltEndpts& endpts, float palette[16
         a[c] = carried ? endpts.A[c] : seg.fixed[c];
         b[c] = carried ? endpts.B[c] : seg.fixed[c];
     }
-    for (int i = 0; i <= denom; ++i) Utils::lerp(palette[i], a, b, i, denom);
+    Utils::lerp_palette(palette, a, b, denom);
 }
 
 float map_colors(const Segment& seg, const float palette[16][4], float beat, int indices[kTexels]) {
@@ -206,6 +237,21 @@ float map_colors(const Segment& seg, const IntEndpts& endpts, float beat, int in
 void assign_indices(const Segment segs[], const IntEndpts endpts[], int count, int indices[kTexels],
                     float errors[]) {
     for (int s = 0; s < count; ++s) errors[s] = map_colors(segs[s], endpts[s], FLT_MAX, indices);
+}
+
+bool cannot_beat(const float opt_err[], const bool done[], int count, float orig_total, float beat) {
+    if (!(beat < FLT_MAX) || orig_total < beat) return false;
+    float bound = 0.0f;
+    for (int r = 0; r < count; ++r) bound += done[r] ? opt_err[r] : 0.0f;
+    return bound >= beat;
+}
+
+void largest_first(const float errors[], int count, int order[]) {
+    for (int r = 0; r < count; ++r) {
+        int at = r;
+        for (; at > 0 && errors[order[at - 1]] < errors[r]; --at) order[at] = order[at - 1];
+        order[at] = r;
+    }
 }
 
 float optimize_one(const Segment& seg, float orig_err, IntEndpts& endpts) {
@@ -262,7 +308,7 @@ float optimize_one(const Segment& seg, float orig_err, IntEndpts& endpts) {
         if (moved) ch = seg.firstChannel - 1;
     }
 
-    for (int ch = seg.firstChannel; ch < seg.endChannel; ++ch) exhaustive_search(seg, ch, endpts, opt_err);
+    for (int ch = seg.firstChannel; ch < seg.endChannel; ++ch) exhaustive_search(seg, ch, endpts, opt_err, scan);
     return opt_err;
 }
 

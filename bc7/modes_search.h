@@ -33,11 +33,13 @@ struct Segment {
     float fixed[4] = {};          // palette value of each channel the pair does not carry
     int indexBits = 2;
     bool alphaWithColour = false; // alpha shares the colour indices (modes 6, 7)
+    bool wholeTexels = false;     // every pixel value a whole number in 0..255 and every weight 0 or 1
 };
 
 // Builds a segment of the tile's texels whose flag in `member` is set;
 // the pixels are copied as they are (channels not carried by the pair
-// are compared against `fixed`).
+// are compared against `fixed`). A caller that changes pixel values
+// afterwards sets them to whole numbers only (wholeTexels stays true).
 void make_segment(const Tile& tile, const bool member[Tile::TILE_TOTAL], Segment& seg);
 
 // 8-bit value of channel ch of endpoint A (which == 0) or B (which == 1).
@@ -60,6 +62,18 @@ float map_colors(const Segment& seg, const IntEndpts& endpts, float beat, int in
 // records each segment's error.
 void assign_indices(const Segment segs[], const IntEndpts endpts[], int count, int indices[Tile::TILE_TOTAL],
                     float errors[]);
+
+// Whether a refinement can no longer beat `beat`. Its total is that of the
+// optimised regions or that of the quantised ones (`orig_total`), whichever
+// is kept; the errors of the regions optimised so far (`done`), added in
+// region order with 0 for the others, bound the first from below (errors are
+// never negative, and adding one never makes a float sum smaller). Never
+// true for a beat of FLT_MAX.
+bool cannot_beat(const float opt_err[], const bool done[], int count, float orig_total, float beat);
+
+// The order in which a refinement optimises `count` regions: falling errors
+// (the earlier region first among equals), so that cannot_beat decides soonest.
+void largest_first(const float errors[], int count, int order[]);
 
 // Improves one endpoint pair channel by channel: perturbation of A and B with
 // the restart rule, then a bounded exhaustive search per channel. `endpts`

@@ -16,8 +16,13 @@ bool isValid(int texel, uint16_t validRegion) {
 
 Tile makeTile(const float texels[64], uint16_t validRegion) {
     Tile tile;
+    tile.whole = true;
     for (int i = 0; i < Tile::TILE_TOTAL; ++i) {
-        for (int c = 0; c < 4; ++c) tile.data[i][c] = clampUnit(texels[i * 4 + c]) * 255.0f;
+        for (int c = 0; c < 4; ++c) {
+            const float v = clampUnit(texels[i * 4 + c]) * 255.0f;  // within 0..255
+            tile.data[i][c] = v;
+            tile.whole = tile.whole && v == float(int(v));
+        }
         tile.importance_map[i] = isValid(i, validRegion) ? 1.0f : 0.0f;
     }
     return tile;

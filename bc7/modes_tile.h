@@ -15,6 +15,9 @@ struct Tile {
     float importance_map[TILE_TOTAL] = {};   // weight of each texel's error
     int size_x = TILE_W;
     int size_y = TILE_H;
+    // Every value a whole number in 0..255 and every weight 0 or 1 (set by
+    // makeTile; the palette scans then take their whole-number forms).
+    bool whole = false;
 };
 
 // Builds the tile of one block: `texels` holds 16 RGBA floats (0..1) in row

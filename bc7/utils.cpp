@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "core/vec4.h"
+
 namespace BC7Modes {
 
 std::atomic<bool> flag_luma_weights{false};
@@ -45,6 +47,17 @@ void Utils::lerp(float out[4], const float a[4], const float b[4], int i, int de
     int wa, wb;
     weights_for(i, denom, wa, wb);
     for (int c = 0; c < 4; ++c) out[c] = (float(wa) * a[c] + float(wb) * b[c]) * 0.015625f;
+}
+
+void Utils::lerp_palette(float palette[][4], const float a[4], const float b[4], int denom) {
+    GLYPTORA_ASSERT(denom == 3 || denom == 7 || denom == 15);
+    using glyptora_simd::Vec4f;
+    const Vec4f va = Vec4f::load(a), vb = Vec4f::load(b);
+    for (int i = 0; i <= denom; ++i) {
+        int wa, wb;
+        weights_for(i, denom, wa, wb);
+        ((Vec4f(float(wa)) * va + Vec4f(float(wb)) * vb) * Vec4f(0.015625f)).store(palette[i]);
+    }
 }
 
 int Utils::quantize(float unq, int prec) {

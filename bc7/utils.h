@@ -28,6 +28,8 @@ public:
     static int lerp(int a, int b, int i, int bias, int denom);
     // The same weights on four float channels, without rounding.
     static void lerp(float out[4], const float a[4], const float b[4], int i, int denom);
+    // That float form for every index 0..denom, four channels at a time (the same operations).
+    static void lerp_palette(float palette[][4], const float a[4], const float b[4], int denom);
 
     // 0..255 value to a `prec`-bit code (prec 4..8).
     static int quantize(float unq, int prec);
