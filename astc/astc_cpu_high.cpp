@@ -19,7 +19,6 @@ namespace {
 // two-partition dual-plane pass (4x4 alone).
 constexpr int kFourPartitionArea = 36;
 constexpr int kTwoPartitionDualPlaneArea = 20;
-constexpr int kWideFitsAreaLevel2 = 64;
 constexpr int kLevel2WideFits = 24;
 constexpr int kReferenceGridSide = 5;
 constexpr int kReferenceGridArea = 50;
@@ -35,10 +34,17 @@ constexpr int kLargeFootprintArea = 25;
 
 // Partitioned fits per candidate pattern. Larger footprints have more modes to choose from,
 // the estimate that ranks them misses more often, and they have time to spare: level 2 fits
-// 8 from 5x5, 16 from 6x6 and 32 from 8x8 (+0.05, +0.08 and +0.1 dB), level 3 64 from 8x8.
+// 16 from 5x5 and 32 from 8x8 (+0.08 dB at 5x5, +0.08 at 6x6, +0.1 at 8x8), level 3 64 from 8x8.
 int partitionFitsFor(int level, int area, const HighEffort& effort) {
     if (level == 3) return area >= 64 ? 64 : effort.partitionFits;
-    return area >= 64 ? 32 : area >= 36 ? 16 : area >= 25 ? 8 : effort.partitionFits;
+    return area >= 64 ? 32 : area >= 25 ? 16 : effort.partitionFits;
+}
+
+// Single-plane fits: level 3 fits every mode from 6x6 up; level 2 the best 12 from 5x5 and 24
+// from 6x6 (+0.02 and +0.05 dB there).
+int singleFitsFor(int level, int area, const HighEffort& effort) {
+    if (level == 3) return area >= kFourPartitionArea ? 0 : effort.singleFits;
+    return area >= kFourPartitionArea ? kLevel2WideFits : area >= kLargeFootprintArea ? 12 : effort.singleFits;
 }
 
 AstcSearchSettings highSettings(bool hasAlpha, int fullFits, int refineRounds) {
@@ -99,11 +105,8 @@ void astc_cpu_high::singlePlanePass() {
     const AstcEncoderInput& in = *m_context.input;
     const std::vector<AstcModeGroup> groups = passGroups(AstcPass::HighSinglePlane, m_footprint, m_infill);
     const HighEffort& effort = kHighEffort[m_effort];
-    // The ranking misses more often on large footprints, and they have time to spare: level 3
-    // fits every single-plane mode from 6x6 up, level 2 the best 24 from 8x8 up.
-    const int area = in.blockWidth * in.blockHeight;
-    const bool wide = m_level == 3 ? area >= kFourPartitionArea : area >= kWideFitsAreaLevel2;
-    const int fits = wide ? (m_level == 3 ? 0 : kLevel2WideFits) : effort.singleFits;
+    // The ranking misses more often on large footprints, and they have time to spare.
+    const int fits = singleFitsFor(m_level, in.blockWidth * in.blockHeight, effort);
     astcForBlocks(in, astc_cpu_level1::blocksWithError(m_context, false),
                   [&](uint32_t block, const AstcBlockTexels& texels) {
                       AstcBlockState& state = m_context.states[block];
