@@ -48,7 +48,7 @@ private:
     int m_effort = 0;  // row of the effort table: level 2, level 3 small, level 3 large
     InfillMatDataBase m_infill;
     AstcPartitionTable m_partitions;
-    AstcGridSize m_referenceGrid;
+    AstcPartitionRanking m_ranking;
     int m_widths[2];
     double m_thresholds[2];  // (A x 0.001)^2, (A x 0.008)^2
 };

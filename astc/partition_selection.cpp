@@ -14,7 +14,7 @@ namespace {
 using glyptora_simd::Vec4f;
 
 constexpr int kKMeansRounds = 4;
-constexpr int kMaxShortlist = 32;
+constexpr int kMaxShortlist = 128;
 
 float distance2(const AstcBlockTexels& t, int i, const float* centre) {
     float d = 0.0f;
@@ -503,12 +503,11 @@ int rankShortlist(const AstcBlockTexels& t, const float packedTexels[][kPacked][
 }  // namespace
 
 int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTable& table, int partitionCount,
-                            int keep, const AstcPartitionPattern** out, bool rankEveryPattern,
-                            const AstcGridSize* referenceGrid) {
+                            int keep, const AstcPartitionPattern** out, const AstcPartitionRanking& ranking) {
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(partitionCount);
     keep = std::min(keep, 8);
     if (keep <= 0 || patterns.empty() || texels.validCount < partitionCount) return 0;
-    if (rankEveryPattern && partitionCount == 2 && texels.texels <= kEveryPatternTexels)
+    if (ranking.everyPattern && partitionCount == 2 && texels.texels <= kEveryPatternTexels)
         return rankEveryTwoPartitionPattern(texels, table, keep, out);
     // Raw floats: only the block's own texels are written and read (no table-wide zeroing).
     alignas(16) float packedTexels[kAstcMaxTexels][kPacked][4];
@@ -537,8 +536,10 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     const AstcPartitionPattern* listed[kMaxShortlist];
     // Two partitions: many patterns ranked by their residual; more partitions: fewer, since
     // agreeing with a clustering into more groups already says more.
-    const int listedCount = shortlist(table, scan, k == 2 ? kMaxShortlist : std::min(8 + 4 * keep, kMaxShortlist), listed);
-    return rankShortlist(texels, packedTexels, listed, listedCount, k, keep, referenceGrid, out);
+    const int size = k == 2 ? std::clamp(ranking.twoPartitionShortlist, keep, kMaxShortlist) : 8 + 4 * keep;
+    const int listedCount = shortlist(table, scan, size, listed);
+    const AstcGridSize* grid = ranking.referenceGrid.width > 0 ? &ranking.referenceGrid : nullptr;
+    return rankShortlist(texels, packedTexels, listed, listedCount, k, keep, grid, out);
 }
 
 }  // namespace glyptora_astc
