@@ -34,10 +34,11 @@ constexpr int kLargeFootprintArea = 25;
 
 // Partitioned fits per candidate pattern. Larger footprints have more modes to choose from,
 // the estimate that ranks them misses more often, and they have time to spare: level 2 fits
-// 16 from 5x5 and 32 from 8x8 (+0.08 dB at 5x5, +0.08 at 6x6, +0.1 at 8x8), level 3 64 from 8x8.
+// 16 from 5x5 (against 4: +0.08 dB at 5x5 and at 6x6) and 32 from 8x8 (+0.1 dB), level 3 64
+// from 8x8.
 int partitionFitsFor(int level, int area, const HighEffort& effort) {
     if (level == 3) return area >= 64 ? 64 : effort.partitionFits;
-    return area >= 64 ? 32 : area >= 25 ? 16 : effort.partitionFits;
+    return area >= 64 ? 32 : area >= kLargeFootprintArea ? 16 : effort.partitionFits;
 }
 
 // Single-plane fits: level 3 fits every mode from 6x6 up; level 2 the best 12 from 5x5 and 24
