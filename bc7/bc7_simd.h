@@ -48,7 +48,7 @@ inline Vec4f roundHalfUp(Vec4f a) { return glyptora_simd::floor(a + Vec4f(0.5f))
 inline Vec4f bitLane(Vec4i bits, int i) { return Vec4f(_mm_castsi128_ps(_mm_slli_epi32(bits.v, 31 - i))); }
 
 // Eight unsigned 16-bit lanes. + - * wrap around (mod 65536), addSaturate
-// stops at 65535.
+// stops at 65535 and subSaturate at 0.
 struct U16x8 {
     __m128i v;
     U16x8() : v(_mm_setzero_si128()) {}
@@ -69,7 +69,9 @@ inline U16x8 operator-(U16x8 a, U16x8 b) { return U16x8(_mm_sub_epi16(a.v, b.v))
 inline U16x8 operator*(U16x8 a, U16x8 b) { return U16x8(_mm_mullo_epi16(a.v, b.v)); }
 inline U16x8 operator>>(U16x8 a, int n) { return U16x8(_mm_srli_epi16(a.v, n)); }
 inline U16x8 addSaturate(U16x8 a, U16x8 b) { return U16x8(_mm_adds_epu16(a.v, b.v)); }
+inline U16x8 subSaturate(U16x8 a, U16x8 b) { return U16x8(_mm_subs_epu16(a.v, b.v)); }
 inline U16x8 min(U16x8 a, U16x8 b) { return U16x8(_mm_min_epu16(a.v, b.v)); }
+inline U16x8 max(U16x8 a, U16x8 b) { return U16x8(_mm_max_epu16(a.v, b.v)); }
 // Bit i set where lane i of a is below lane i of b.
 inline int lessMask(U16x8 a, U16x8 b) {
     const __m128i notBelow = _mm_cmpeq_epi16(_mm_subs_epu16(b.v, a.v), _mm_setzero_si128());
@@ -132,7 +134,11 @@ GLYPTORA_HD inline U16x8 operator>>(U16x8 a, int n) { GLYPTORA_U16X8_LANEWISE(a.
 GLYPTORA_HD inline U16x8 addSaturate(U16x8 a, U16x8 b) {
     GLYPTORA_U16X8_LANEWISE(uint32_t(a.e[i]) + b.e[i] > 65535u ? 65535u : uint32_t(a.e[i]) + b.e[i]);
 }
+GLYPTORA_HD inline U16x8 subSaturate(U16x8 a, U16x8 b) {
+    GLYPTORA_U16X8_LANEWISE(a.e[i] > b.e[i] ? a.e[i] - b.e[i] : 0);
+}
 GLYPTORA_HD inline U16x8 min(U16x8 a, U16x8 b) { GLYPTORA_U16X8_LANEWISE(a.e[i] < b.e[i] ? a.e[i] : b.e[i]); }
+GLYPTORA_HD inline U16x8 max(U16x8 a, U16x8 b) { GLYPTORA_U16X8_LANEWISE(a.e[i] > b.e[i] ? a.e[i] : b.e[i]); }
 #undef GLYPTORA_U16X8_LANEWISE
 GLYPTORA_HD inline int lessMask(U16x8 a, U16x8 b) {
     int m = 0;

@@ -47,6 +47,7 @@ float encode_mode6(const Tile& tile, uint8_t out[16]) {
     RefinedShape block;
     const float err = refine_shape(tile, info, 0, rough, block);
     if (err == FLT_MAX) return FLT_MAX;
+    index_shape(tile, info, 0, block);
     emit_block(block, out);
     return err;
 }

@@ -23,6 +23,12 @@ struct FltEndpts {
 bool fit_region(const float pixels[][4], int np, int firstChannel, int endChannel, FltEndpts& endpts,
                 float clampLow = 0.0f, float clampHigh = 255.0f);
 
+// fit_region of up to four pixel sets over channels 0 .. channels - 1 (BC7
+// bounds), the same results; the eigen-solver works on them side by side.
+// `settled` receives each result.
+void fit_regions(const float (*const pixels[])[4], const int np[], int count, int channels, FltEndpts* const endpts[],
+                 bool settled[]);
+
 // True when channel ch of the np (> 0) pixels equals their mean exactly as
 // fit_region computes it (`mean`). Such a last channel adds only zeros to the
 // covariance, which the eigen-solver never rotates: when the fit of the

@@ -53,6 +53,34 @@ constexpr std::array<uint8_t, 1024> makeShapeImage() {
 inline constexpr std::array<uint8_t, 1024> kShapes2 = makeShapeImage<2>();
 inline constexpr std::array<uint8_t, 1024> kShapes3 = makeShapeImage<3>();
 
+// Texel mask (bit i for texel i) of every region of every shape, for 1, 2
+// and 3 regions, and a number for each distinct mask (0 .. distinct - 1).
+struct RegionMasks {
+    uint16_t mask[4][64][3];
+    uint16_t id[4][64][3];
+    int distinct;
+};
+constexpr RegionMasks makeRegionMasks() {
+    RegionMasks m{};
+    uint16_t seen[1 + 64 * 2 + 64 * 3] = {};
+    for (int regions = 1; regions <= 3; ++regions)
+        for (int s = 0; s < 64; ++s) {
+            for (int i = 0; i < 16; ++i) {
+                const int region = regions == 1 ? 0 : regions == 2 ? glyptora_bc7::kPartitions2[s][i]
+                                                                    : glyptora_bc7::kPartitions3[s][i];
+                m.mask[regions][s][region] = uint16_t(m.mask[regions][s][region] | 1u << i);
+            }
+            for (int r = 0; r < regions; ++r) {
+                int id = 0;
+                while (id < m.distinct && seen[id] != m.mask[regions][s][r]) ++id;
+                if (id == m.distinct) seen[m.distinct++] = m.mask[regions][s][r];
+                m.id[regions][s][r] = uint16_t(id);
+            }
+        }
+    return m;
+}
+inline constexpr RegionMasks kRegionMasks = makeRegionMasks();
+
 // The single-region modes keep their one shape as a 16-bit mask (bit 15 is texel 0).
 inline constexpr uint16_t kShapes1[1] = {0x0000};
 

@@ -76,13 +76,21 @@ inline Vec4f lerp4lanes(int set, int j, Vec4f a, Vec4f b) {
 struct ChannelDecode {
     const uint8_t* table;
     int shift, pbitA, pbitB;
+    int up, down;  // bit replication of the decoded precision: (v << up) | (v >> down)
     ChannelDecode(const Segment& seg, const IntEndpts& endpts, int ch)
         : table(kUnquant.value[seg.prec[ch] + (seg.hasPBits ? 1 : 0)]),
           shift(seg.hasPBits ? 1 : 0),
           pbitA(seg.hasPBits ? endpts.pbitA : 0),
-          pbitB(seg.hasPBits ? endpts.pbitB : 0) {}
+          pbitB(seg.hasPBits ? endpts.pbitB : 0),
+          up(8 - (seg.prec[ch] + shift)),
+          down(2 * (seg.prec[ch] + shift) - 8) {}
     int a(int value) const { return table[(value << shift) | pbitA]; }
     int b(int value) const { return table[(value << shift) | pbitB]; }
+    // Four stored values at once (each within the precision).
+    using Vec4i = glyptora_simd::Vec4i;
+    Vec4i a4(Vec4i value) const { return replicate((value << shift) | Vec4i(pbitA)); }
+    Vec4i b4(Vec4i value) const { return replicate((value << shift) | Vec4i(pbitB)); }
+    Vec4i replicate(Vec4i v) const { return (v << up) | (v >> down); }
 };
 
 }  // namespace palette_detail

@@ -75,8 +75,11 @@ struct RoughShape {
 
 float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits& fits, float beat) {
     const ModeInfo& info = kModeInfo[mode];
+    // No block of the mode can beat `beat`: nothing to do.
+    if (fits.mode_cannot_beat(tile, info, beat)) return FLT_MAX;
     // Rough pass over every shape.
     RoughShape rough[64];
+    fits.prefit(tile, info);
     for (int s = 0; s < info.shapes; ++s) {
         rough[s].shapeindex = s;
         rough[s].error = rough_shape(tile, info, s, rough[s].endpts, &fits);
@@ -103,14 +106,17 @@ float encode_partitioned(int mode, const Tile& tile, uint8_t out[16], RegionFits
     for (int i = 0; i < info.refined && best > 0.0f; ++i) {
         RefinedShape block;
         const float limit = best < beat ? best : beat;
-        const float err = refine_shape(tile, info, rough[i].shapeindex, rough[i].endpts, block, limit);
+        const float err = refine_shape(tile, info, rough[i].shapeindex, rough[i].endpts, block, limit, &fits);
         if (err < best) {
             best = err;
             best_block = block;
             best_shape = rough[i].shapeindex;
         }
     }
-    if (best < FLT_MAX) emit_block(info, best_shape, best_block, out);
+    if (best < FLT_MAX) {
+        index_shape(tile, info, best_shape, best_block);
+        emit_block(info, best_shape, best_block, out);
+    }
     return best;
 }
 

@@ -4,7 +4,9 @@
 
 #include "bc7/bc7_tables.h"
 #include "bc7/modes_assert.h"
+#include "bc7/modes_scan.h"
 #include "bc7/utils.h"
+#include "core/vec4.h"
 
 // The stored endpoint bound of each p-bit mode (checked before the p-bit is appended).
 #define ASSERT_ENDPOINT_BOUND(for_mode, bound)                  \
@@ -41,90 +43,227 @@ int endpoint_pbit(const ModeInfo& info, const int wide[4]) {
     return low_bits_set(wide, 3) >= 2 ? 1 : 0;
 }
 
+// The segment of the region of texels `mask` in the mode.
+void make_region_segment(const Tile& tile, const ModeInfo& info, uint16_t mask, Segment& seg) {
+    make_segment(tile, mask, seg);
+    seg.mode = info.mode;
+    seg.firstChannel = 0;
+    seg.endChannel = channels_of(info);
+    for (int c = 0; c < 4; ++c) seg.prec[c] = c < 3 ? info.colourBits : info.alphaBits;
+    seg.hasPBits = info.pbits != PBitKind::None;
+    for (int c = 0; c < 4; ++c) seg.fixed[c] = 255.0f;  // alpha decodes opaque without alpha endpoints
+    seg.indexBits = info.indexBits;
+    seg.alphaWithColour = info.alphaBits != 0;
+}
+
+// constant_channel of the alpha of the region of texels `mask`.
+bool alpha_constant(const Tile& tile, uint16_t mask, float& mean) {
+    float pixels[kTexels][4];
+    int count = 0;
+    for (int i = 0; i < kTexels; ++i)
+        if (mask >> i & 1) pixels[count++][3] = tile.data[i][3];
+    return count > 0 && constant_channel(pixels, count, 3, mean);
+}
+
 }  // namespace
 
 void make_shape_segments(const Tile& tile, const ModeInfo& info, int shapeindex, Segment segs[3]) {
-    for (int region = 0; region < info.regions; ++region) {
-        bool member[kTexels];
-        for (int i = 0; i < kTexels; ++i)
-            member[i] = glyptora_bc7::partitionSubset(info.regions, shapeindex, i) == region;
-        Segment& seg = segs[region];
-        make_segment(tile, member, seg);
-        seg.mode = info.mode;
-        seg.firstChannel = 0;
-        seg.endChannel = channels_of(info);
-        for (int c = 0; c < 4; ++c) seg.prec[c] = c < 3 ? info.colourBits : info.alphaBits;
-        seg.hasPBits = info.pbits != PBitKind::None;
-        for (int c = 0; c < 4; ++c) seg.fixed[c] = 255.0f;  // alpha decodes opaque without alpha endpoints
-        seg.indexBits = info.indexBits;
-        seg.alphaWithColour = info.alphaBits != 0;
-    }
+    for (int region = 0; region < info.regions; ++region)
+        make_region_segment(tile, info, kRegionMasks.mask[info.regions][shapeindex][region], segs[region]);
 }
 
 RegionFits::RegionFits() {
-    for (uint32_t& key : keys_) key = 0;
+    for (auto& known : known_) known[0] = known[1] = false;
+    for (bool& known : boundKnown_) known = false;
 }
 
-RegionFits::Region& RegionFits::find(uint16_t mask, int channels, bool& fresh) {
-    // A region is never empty, so key 0 marks a free slot.
-    const uint32_t key = uint32_t(mask) | uint32_t(channels) << 16;
-    for (uint32_t slot = (key * 2654435761u) >> 22;; slot = (slot + 1) % kSlots) {
-        if (keys_[slot] == key) {
-            fresh = false;
-            return regions_[slot];
-        }
-        if (keys_[slot] == 0) {
-            keys_[slot] = key;
-            fresh = true;
-            for (bool& has : regions_[slot].hasError) has = false;
-            return regions_[slot];
-        }
+RegionFits::Region& RegionFits::find(int id, int channels, bool& fresh) {
+    Region& region = regions_[id][channels - 3];
+    bool& known = known_[id][channels - 3];
+    fresh = !known;
+    if (fresh) {
+        known = true;
+        for (bool& has : region.hasError) has = false;
+        region.opaqueOf = nullptr;
     }
+    return region;
+}
+
+float RegionFits::lower_bound(const Tile& tile, int regions, int shapeindex, int region) {
+    using glyptora_simd::Vec4i;
+    if (!tile.whole) return 0.0f;
+    const int id = kRegionMasks.id[regions][shapeindex][region];
+    if (boundKnown_[id]) return bound_[id];
+    if (!texelSumsKnown_) {
+        weighty_ = 0;
+        for (int i = 0; i < kTexels; ++i) {
+            const bool counted = tile.importance_map[i] == 1.0f;
+            const int r = counted ? int(tile.data[i][0]) : 0, g = counted ? int(tile.data[i][1]) : 0,
+                      b = counted ? int(tile.data[i][2]) : 0;
+            Vec4i(r, g, b, 0).store(colour_[i]);
+            Vec4i(r * r, g * g, b * b, r * g).store(product_[i]);
+            Vec4i(r * b, g * b, 0, 0).store(product_[i] + 4);
+            weighty_ |= counted ? 1 << i : 0;
+        }
+        texelSumsKnown_ = true;
+    }
+    Vec4i sum(0), square(0), cross(0);
+    for (int bits = kRegionMasks.mask[regions][shapeindex][region]; bits; bits &= bits - 1) {
+        const int i = __builtin_ctz(unsigned(bits));
+        sum = sum + Vec4i::load(colour_[i]);
+        square = square + Vec4i::load(product_[i]);
+        cross = cross + Vec4i::load(product_[i] + 4);
+    }
+    alignas(16) int sums[4], products[8];
+    sum.store(sums);
+    square.store(products);
+    cross.store(products + 4);
+    const int n = __builtin_popcount(unsigned(kRegionMasks.mask[regions][shapeindex][region] & weighty_));
+    bound_[id] = error_lower_bound(n, sums, products);
+    boundKnown_[id] = true;
+    return bound_[id];
+}
+
+int RegionFits::slot_of(int mode, int id, const IntEndpts& start) {
+    uint32_t h = uint32_t(mode * 977 + id) * 2654435761u;
+    for (int c = 0; c < 4; ++c) h = (h ^ uint32_t(start.A[c] << 8 | start.B[c])) * 2654435761u;
+    h = (h ^ uint32_t(start.pbitA << 1 | start.pbitB)) * 2654435761u;
+    static_assert(kOptimised == 128, "seven bits of the hash pick the slot");
+    return int(h >> 25);
+}
+
+bool RegionFits::recall(int mode, int id, const IntEndpts& start, float orig_err, IntEndpts& result,
+                        float& err) const {
+    const Optimised& o = optimised_[slot_of(mode, id, start)];
+    if (!o.used || o.mode != mode || o.id != id || o.origErr != orig_err || !same_endpoints(o.start, start))
+        return false;
+    result = o.result;
+    err = o.err;
+    return true;
+}
+
+void RegionFits::remember(int mode, int id, const IntEndpts& start, float orig_err, const IntEndpts& result,
+                          float err) {
+    Optimised& o = optimised_[slot_of(mode, id, start)];
+    o.used = true;
+    o.mode = mode;
+    o.id = id;
+    o.origErr = orig_err;
+    o.err = err;
+    o.start = start;
+    o.result = result;
+}
+
+bool RegionFits::mode_cannot_beat(const Tile& tile, const ModeInfo& info, float beat) {
+    if (!tile.whole || !(beat < FLT_MAX)) return false;
+    for (int s = 0; s < info.shapes; ++s) {
+        float sum = 0.0f;
+        for (int r = 0; r < info.regions; ++r) sum += lower_bound(tile, info.regions, s, r);
+        if (sum < beat) return false;
+    }
+    return true;
+}
+
+void RegionFits::prefit(const Tile& tile, const ModeInfo& info) {
+    const int channels = channels_of(info);
+    // Fits wait in fours (fit_regions): the pixels of each, and where it goes.
+    constexpr int kGroup = 4;
+    alignas(16) float pixels[kGroup][kTexels][4];
+    int counts[kGroup];
+    FltEndpts* targets[kGroup];
+    Region* regions[kGroup];
+    int waiting = 0;
+    const auto fit = [&] {
+        const float(*sets[kGroup])[4];
+        for (int k = 0; k < waiting; ++k) sets[k] = pixels[k];
+        bool settled[kGroup];
+        fit_regions(sets, counts, waiting, channels, targets, settled);
+        for (int k = 0; k < waiting; ++k) regions[k]->settled = settled[k];
+        waiting = 0;
+    };
+    for (int s = 0; s < info.shapes; ++s)
+        for (int r = 0; r < info.regions; ++r) {
+            const uint16_t mask = kRegionMasks.mask[info.regions][s][r];
+            // rough_shape derives a constant alpha's fit from the colour fit.
+            float alphaMean;
+            if (channels == 4 && alpha_constant(tile, mask, alphaMean)) continue;
+            bool fresh;
+            Region& region = find(kRegionMasks.id[info.regions][s][r], channels, fresh);
+            if (!fresh) continue;
+            int count = 0;
+            for (int i = 0; i < kTexels; ++i)
+                if (mask >> i & 1) {
+                    for (int c = 0; c < 4; ++c) pixels[waiting][count][c] = tile.data[i][c];
+                    ++count;
+                }
+            counts[waiting] = count;
+            targets[waiting] = &region.endpts;
+            regions[waiting] = &region;
+            if (++waiting == kGroup) fit();
+        }
+    if (waiting) fit();
 }
 
 float rough_shape(const Tile& tile, const ModeInfo& info, int shapeindex, FltEndpts endpts[3], RegionFits* fits) {
-    Segment segs[3];
-    make_shape_segments(tile, info, shapeindex, segs);
     const int channels = channels_of(info);
+    const int set = info.indexBits - 2;
     float error = 0.0f;
     for (int region = 0; region < info.regions; ++region) {
-        const Segment& seg = segs[region];
+        const uint16_t mask = kRegionMasks.mask[info.regions][shapeindex][region];
         RegionFits::Region* kept = nullptr;
         bool fresh = true;
-        uint16_t mask = 0;
-        for (int k = 0; k < seg.count; ++k) mask = uint16_t(mask | 1u << seg.texel[k]);
-        if (fits) kept = &fits->find(mask, channels, fresh);
+        const int id = kRegionMasks.id[info.regions][shapeindex][region];
+        if (fits) kept = &fits->find(id, channels, fresh);
+        if (!fresh && kept->hasError[set]) {
+            endpts[region] = kept->endpts;
+            error += kept->error[set];
+            continue;
+        }
+        // The region's segment, made when first needed.
+        Segment seg;
+        bool made = false;
+        const auto segment = [&]() -> const Segment& {
+            if (!made) make_region_segment(tile, info, mask, seg);
+            made = true;
+            return seg;
+        };
+        // An alpha fitted on 255 throughout meets pixels of alpha 255: the
+        // error is that of the colour fit alone, whose palettes decode alpha as 255.
+        RegionFits::Region* sameError = nullptr;
         if (!fresh) {
             endpts[region] = kept->endpts;
         } else {
             bool settled = false, derived = false;
             float alphaMean;
-            if (kept && channels == 4 && seg.count > 0 && constant_channel(seg.pixel, seg.count, 3, alphaMean)) {
+            if (kept && channels == 4 && alpha_constant(tile, mask, alphaMean)) {
                 // Constant alpha: the region's colour fit, alpha on its mean.
                 bool colourFresh;
-                RegionFits::Region& colour = fits->find(mask, 3, colourFresh);
-                if (colourFresh) colour.settled = fit_region(seg.pixel, seg.count, 0, 3, colour.endpts);
+                RegionFits::Region& colour = fits->find(id, 3, colourFresh);
+                if (colourFresh) colour.settled = fit_region(segment().pixel, segment().count, 0, 3, colour.endpts);
                 if (colour.settled) {
                     endpts[region] = colour.endpts;
                     endpts[region].A[3] = endpts[region].B[3] = clamp255(alphaMean);
                     settled = derived = true;
+                    if (alphaMean == 255.0f) sameError = &colour;
                 }
             }
-            if (!derived) settled = fit_region(seg.pixel, seg.count, 0, channels, endpts[region]);
+            if (!derived) settled = fit_region(segment().pixel, segment().count, 0, channels, endpts[region]);
             if (kept) {
                 kept->endpts = endpts[region];
                 kept->settled = settled;
+                kept->opaqueOf = sameError;
             }
         }
-        const int set = info.indexBits - 2;
-        if (kept && !fresh && kept->hasError[set]) {
-            error += kept->error[set];
-            continue;
+        if (kept && !fresh) sameError = kept->opaqueOf;
+        float regionError;
+        if (sameError && sameError->hasError[set]) {
+            regionError = sameError->error[set];
+        } else {
+            ScanPalette pal;
+            build_scan_palette(segment(), endpts[region], pal);
+            regionError = scan_error(segment(), pal);
+            if (sameError) sameError->error[set] = regionError, sameError->hasError[set] = true;
         }
-        float palette[16][4];
-        build_palette(seg, endpts[region], palette);
-        int indices[kTexels];
-        const float regionError = map_colors(seg, palette, FLT_MAX, indices);
         error += regionError;
         if (kept) {
             kept->error[set] = regionError;
@@ -208,12 +347,22 @@ void swap_indices(const ModeInfo& info, int shapeindex, IntEndpts endpts[3], int
 }
 
 float refine_shape(const Tile& tile, const ModeInfo& info, int shapeindex, const FltEndpts rough[3],
-                   RefinedShape& out, float beat) {
+                   RefinedShape& out, float beat, RegionFits* fits) {
+    // Lower bounds of the regions' errors (with `fits`): when they reach
+    // `beat` so does every block of the shape, the quantised one included.
+    float lower[3] = {};
+    if (fits && beat < FLT_MAX) {
+        float bound = 0.0f;
+        for (int region = 0; region < info.regions; ++region)
+            bound += lower[region] = fits->lower_bound(tile, info.regions, shapeindex, region);
+        if (bound >= beat) return FLT_MAX;
+    }
     Segment segs[3];
     make_shape_segments(tile, info, shapeindex, segs);
 
-    IntEndpts orig_endpts[3];
-    compress_one(info, rough, orig_endpts);
+    IntEndpts quantised[3], orig_endpts[3];
+    compress_one(info, rough, quantised);
+    for (int region = 0; region < info.regions; ++region) orig_endpts[region] = quantised[region];
     int orig_indices[kTexels];
     float orig_err[3];
     assign_indices(segs, orig_endpts, info.regions, orig_indices, orig_err);
@@ -221,31 +370,55 @@ float refine_shape(const Tile& tile, const ModeInfo& info, int shapeindex, const
     float orig_toterr = 0.0f;
     for (int region = 0; region < info.regions; ++region) orig_toterr += orig_err[region];
 
-    // Each region is optimised and assigned on its own (they are independent).
+    // Each region is optimised on its own (they are independent). An improved
+    // pair's error is that of its full scan (a candidate is taken only when
+    // its scan is not abandoned); an unimproved one is the quantised pair,
+    // whose error changes when the anchor fix-up exchanged its endpoints (the
+    // walk runs the other way).
     IntEndpts opt_endpts[3];
-    int opt_indices[kTexels];
     float opt_err[3] = {};
     bool done[3] = {};
     int order[3];
     largest_first(orig_err, info.regions, order);
     for (int k = 0; k < info.regions; ++k) {
         const int region = order[k];
-        opt_endpts[region] = orig_endpts[region];
-        optimize_one(segs[region], orig_err[region], opt_endpts[region]);
-        assign_indices(&segs[region], &opt_endpts[region], 1, opt_indices, &opt_err[region]);
+        const int id = kRegionMasks.id[info.regions][shapeindex][region];
+        if (!fits || !fits->recall(info.mode, id, orig_endpts[region], orig_err[region], opt_endpts[region],
+                                   opt_err[region])) {
+            opt_endpts[region] = orig_endpts[region];
+            opt_err[region] = optimize_one(segs[region], orig_err[region], opt_endpts[region]);
+            if (fits) fits->remember(info.mode, id, orig_endpts[region], orig_err[region], opt_endpts[region],
+                                     opt_err[region]);
+        }
+        if (!(opt_err[region] < orig_err[region]) && !same_endpoints(opt_endpts[region], quantised[region])) {
+            int indices[kTexels];
+            opt_err[region] = map_colors(segs[region], opt_endpts[region], FLT_MAX, indices);
+        }
         done[region] = true;
-        if (k + 1 < info.regions && cannot_beat(opt_err, done, info.regions, orig_toterr, beat)) return FLT_MAX;
+        if (k + 1 < info.regions && cannot_beat(opt_err, lower, done, info.regions, orig_toterr, beat))
+            return FLT_MAX;
     }
-    swap_indices(info, shapeindex, opt_endpts, opt_indices);
 
     float opt_toterr = 0.0f;
     for (int region = 0; region < info.regions; ++region) opt_toterr += opt_err[region];
     const bool optimised = opt_toterr < orig_toterr;
     for (int region = 0; region < info.regions; ++region)
         out.endpts[region] = optimised ? opt_endpts[region] : orig_endpts[region];
-    for (int i = 0; i < kTexels; ++i) out.indices[i] = optimised ? opt_indices[i] : orig_indices[i];
+    // The optimised pairs' indices wait for index_shape (most refined shapes are not kept).
+    for (int i = 0; i < kTexels; ++i) out.indices[i] = orig_indices[i];
+    out.indexed = !optimised;
     out.error = optimised ? opt_toterr : orig_toterr;
     return out.error;
+}
+
+void index_shape(const Tile& tile, const ModeInfo& info, int shapeindex, RefinedShape& block) {
+    if (block.indexed) return;
+    Segment segs[3];
+    make_shape_segments(tile, info, shapeindex, segs);
+    float errors[3];
+    assign_indices(segs, block.endpts, info.regions, block.indices, errors);
+    swap_indices(info, shapeindex, block.endpts, block.indices);
+    block.indexed = true;
 }
 
 }  // namespace BC7Modes

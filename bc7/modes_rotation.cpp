@@ -47,11 +47,9 @@ Tile rotate(const Tile& tile, int rotation) {
 // The colour part compares colours only and the alpha part alpha only: the
 // channels a part does not carry are 0 on both sides of the comparison.
 void make_segments(const Tile& tile, const ModeInfo& info, int indexmode, Segment segs[2]) {
-    bool all[kTexels];
-    for (bool& m : all) m = true;
     for (int part = 0; part < 2; ++part) {
         Segment& seg = segs[part];
-        make_segment(tile, all, seg);
+        make_segment(tile, 0xFFFF, seg);
         seg.mode = info.mode;
         seg.firstChannel = part == INDEXARRAY_RGB ? 0 : 3;
         seg.endChannel = part == INDEXARRAY_RGB ? 3 : 4;
@@ -67,10 +65,15 @@ void make_segments(const Tile& tile, const ModeInfo& info, int indexmode, Segmen
     }
 }
 
-// Colour and alpha fitted on their own over the whole (rotated) tile.
-void rough(const Tile& tile, FltEndpts& endpts) {
-    fit_region(tile.data, kTexels, 0, 3, endpts);
-    fit_region(tile.data, kTexels, 3, 4, endpts);
+// Colour and alpha fitted on their own over the whole tile, for each
+// rotation (the colour fits of the four side by side).
+void rough(const Tile rotated[4], FltEndpts endpts[4]) {
+    const float(*pixels[4])[4] = {rotated[0].data, rotated[1].data, rotated[2].data, rotated[3].data};
+    const int counts[4] = {kTexels, kTexels, kTexels, kTexels};
+    FltEndpts* const targets[4] = {&endpts[0], &endpts[1], &endpts[2], &endpts[3]};
+    bool settled[4];
+    fit_regions(pixels, counts, 4, 3, targets, settled);
+    for (int rotation = 0; rotation < 4; ++rotation) fit_region(rotated[rotation].data, kTexels, 3, 4, endpts[rotation]);
 }
 
 void compress_one(const ModeInfo& info, const FltEndpts& endpts, IntEndpts compr[2]) {
@@ -105,14 +108,17 @@ void swap_indices(const ModeInfo& info, int indexmode, IntEndpts endpts[2], int 
 }
 
 // refine_shape for the colour and alpha parts of one index mode: FLT_MAX
-// (`out` unfinished) as soon as the block can no longer be below `beat`.
+// (`out` unfinished) as soon as the block can no longer be below `beat`; the
+// optimised block's indices are worked out only when its error is below
+// `keep` (otherwise `out` is unfinished too).
 float refine(const Tile& tile, const ModeInfo& info, int indexmode, const FltEndpts& rough_endpts,
-             RotationBlock& out, float beat) {
+             RotationBlock& out, float beat, float keep) {
     Segment segs[2];
     make_segments(tile, info, indexmode, segs);
 
-    IntEndpts orig_endpts[2];
-    compress_one(info, rough_endpts, orig_endpts);
+    IntEndpts quantised[2];
+    compress_one(info, rough_endpts, quantised);
+    IntEndpts orig_endpts[2] = {quantised[0], quantised[1]};
     int orig_indices[2][kTexels];
     float orig_err[2];
     for (int part = 0; part < 2; ++part)
@@ -120,30 +126,40 @@ float refine(const Tile& tile, const ModeInfo& info, int indexmode, const FltEnd
     swap_indices(info, indexmode, orig_endpts, orig_indices);
 
     const float orig_toterr = orig_err[0] + orig_err[1];
-    // Each part is optimised and assigned on its own (they are independent).
+    // Each part is optimised on its own (they are independent); errors as in refine_shape.
     IntEndpts opt_endpts[2] = {orig_endpts[0], orig_endpts[1]};
-    int opt_indices[2][kTexels];
-    float opt_err[2] = {};
+    float opt_err[2] = {}, lower[2] = {};  // the alpha part's line bound is 0
     bool done[2] = {};
+    if (beat < FLT_MAX) lower[INDEXARRAY_RGB] = error_lower_bound(segs[INDEXARRAY_RGB]);
+    if (cannot_beat(opt_err, lower, done, 2, orig_toterr, beat)) return FLT_MAX;
     int order[2];
     largest_first(orig_err, 2, order);
     for (int k = 0; k < 2; ++k) {
         const int part = order[k];
-        optimize_one(segs[part], orig_err[part], opt_endpts[part]);
-        assign_indices(&segs[part], &opt_endpts[part], 1, opt_indices[part], &opt_err[part]);
+        opt_err[part] = optimize_one(segs[part], orig_err[part], opt_endpts[part]);
+        if (!(opt_err[part] < orig_err[part]) && !same_endpoints(opt_endpts[part], quantised[part])) {
+            int indices[kTexels];
+            opt_err[part] = map_colors(segs[part], opt_endpts[part], FLT_MAX, indices);
+        }
         done[part] = true;
-        if (k == 0 && cannot_beat(opt_err, done, 2, orig_toterr, beat)) return FLT_MAX;
+        if (k == 0 && cannot_beat(opt_err, lower, done, 2, orig_toterr, beat)) return FLT_MAX;
     }
-    swap_indices(info, indexmode, opt_endpts, opt_indices);
 
     const float opt_toterr = opt_err[0] + opt_err[1];
     const bool optimised = opt_toterr < orig_toterr;
+    out.error = optimised ? opt_toterr : orig_toterr;
+    if (!(out.error < keep)) return out.error;
+    int opt_indices[2][kTexels];
+    if (optimised) {
+        for (int part = 0; part < 2; ++part)
+            assign_indices(&segs[part], &opt_endpts[part], 1, opt_indices[part], &opt_err[part]);
+        swap_indices(info, indexmode, opt_endpts, opt_indices);
+    }
     for (int part = 0; part < 2; ++part) {
         out.endpts[part] = optimised ? opt_endpts[part] : orig_endpts[part];
         for (int i = 0; i < kTexels; ++i)
             out.indices[part][i] = optimised ? opt_indices[part][i] : orig_indices[part][i];
     }
-    out.error = optimised ? opt_toterr : orig_toterr;
     return out.error;
 }
 
@@ -192,14 +208,15 @@ void emit_block(const ModeInfo& info, int rotation, int indexmode, const Rotatio
 
 float encode_rotation_mode(const ModeInfo& info, const Tile& tile, uint8_t out[16], float beat) {
     const int indexmodes = info.mode == 4 ? 2 : 1;
+    const Tile rotated[4] = {rotate(tile, 0), rotate(tile, 1), rotate(tile, 2), rotate(tile, 3)};
+    FltEndpts rough_endpts[4];
+    rough(rotated, rough_endpts);
     float best = FLT_MAX;
     for (int rotation = 0; rotation < 4 && best > 0.0f; ++rotation) {
-        const Tile rotated = rotate(tile, rotation);
-        FltEndpts rough_endpts;
-        rough(rotated, rough_endpts);
         for (int indexmode = 0; indexmode < indexmodes && best > 0.0f; ++indexmode) {
             RotationBlock block;
-            const float err = refine(rotated, info, indexmode, rough_endpts, block, best < beat ? best : beat);
+            const float limit = best < beat ? best : beat;
+            const float err = refine(rotated[rotation], info, indexmode, rough_endpts[rotation], block, limit, best);
             if (err < best) {
                 best = err;
                 emit_block(info, rotation, indexmode, block, out);

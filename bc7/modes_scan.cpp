@@ -62,6 +62,8 @@ void set_channel(const Segment& seg, int c, int a, int b, ScanPalette& pal) {
 // while every error is below FLT_MAX, the walk's starting best; a texel with a
 // larger error takes the walk entry by entry. Every entry is computed, so
 // that the texel takes no branch on its errors.
+// Without `Indices` only the error is wanted (and nothing is beaten).
+template <bool Indices>
 float scan_plain(const Segment& seg, const ScanPalette& pal, float beat, int indices[kTexels]) {
     using glyptora_simd::moveMask;
     float toterr = 0.0f;
@@ -92,6 +94,10 @@ float scan_plain(const Segment& seg, const ScanPalette& pal, float beat, int ind
         int bestindex = -1;
         if (allBelow) {
             besterr = err[__builtin_ctz(unsigned(rising)) - 1];
+            if (!Indices) {
+                toterr += besterr;
+                continue;
+            }
             int same = 0;
             for (int at = 0; at < entries; at += 4)
                 same |= moveMask(glyptora_simd::cmpEqual(Vec4f::load(err + at), Vec4f(besterr))) << at;
@@ -104,9 +110,14 @@ float scan_plain(const Segment& seg, const ScanPalette& pal, float beat, int ind
                 if (besterr == 0.0f) break;
             }
         }
+        if (!Indices) {
+            toterr += besterr;
+            continue;
+        }
         if (!keepTexel(seg, k, bestindex, besterr, beat, toterr, indices)) return FLT_MAX;
     }
-    return toterr;
+    // Partial sums never fall: the sum exceeds `beat` where one of them did.
+    return !Indices && toterr > beat ? FLT_MAX : toterr;
 }
 
 // The palette scan as documented, for any error measure.
@@ -235,22 +246,64 @@ void to_scan_palette(const Segment& seg, const float palette[16][4], ScanPalette
         for (int c = 0; c < 4; ++c) pal.value[c][i] = palette[i][c];
 }
 
+namespace {
+
+// Palettes of index sizes the channel layout does not compute: build_palette, laid out.
+template <typename Endpoints>
+bool built_entry_by_entry(const Segment& seg, const Endpoints& endpts, ScanPalette& pal) {
+    if (fast_index_bits(seg)) return false;
+    float palette[16][4];
+    build_palette(seg, endpts, palette);
+    to_scan_palette(seg, palette, pal);
+    return true;
+}
+
+// Carried channel c of the palette of integer endpoints.
+void set_carried_channel(const Segment& seg, const IntEndpts& endpts, int c, ScanPalette& pal) {
+    const int a = decode_value(seg, endpts.A[c], endpts.pbitA, c), b = decode_value(seg, endpts.B[c], endpts.pbitB, c);
+    set_channel(seg, c, a, b, pal);
+}
+
+}  // namespace
+
 // build_palette of integer endpoints, channel by channel.
 void build_scan_palette(const Segment& seg, const IntEndpts& endpts, ScanPalette& pal) {
-    if (!fast_index_bits(seg)) {
-        float palette[16][4];
-        build_palette(seg, endpts, palette);
-        to_scan_palette(seg, palette, pal);
-        return;
-    }
+    if (built_entry_by_entry(seg, endpts, pal)) return;
     pal.entries = 1 << seg.indexBits;
     for (int c = 0; c < 4; ++c) {
         if (c >= seg.firstChannel && c < seg.endChannel)
-            set_channel(seg, c, decode_value(seg, endpts.A[c], endpts.pbitA, c),
-                        decode_value(seg, endpts.B[c], endpts.pbitB, c), pal);
+            set_carried_channel(seg, endpts, c, pal);
         else
             for (int q = 0; q < pal.entries; q += 4) Vec4f(seg.fixed[c]).store(&pal.value[c][q]);
     }
+}
+
+// build_palette of float endpoints (Utils::lerp_palette's operations), channel by channel.
+void build_scan_palette(const Segment& seg, const FltEndpts& endpts, ScanPalette& pal) {
+    if (built_entry_by_entry(seg, endpts, pal)) return;
+    const int set = seg.indexBits - 2;
+    pal.entries = 1 << seg.indexBits;
+    for (int c = 0; c < 4; ++c) {
+        const bool carried = c >= seg.firstChannel && c < seg.endChannel;
+        const Vec4f a(carried ? endpts.A[c] : seg.fixed[c]), b(carried ? endpts.B[c] : seg.fixed[c]);
+        for (int q = 0; q < pal.entries; q += 4)
+            ((Vec4f::load(&kLerpFloats.a[set][q]) * a + Vec4f::load(&kLerpFloats.b[set][q]) * b) * Vec4f(0.015625f))
+                .store(&pal.value[c][q]);
+    }
+}
+
+const ScanPalette& palette_of(const Segment& seg, const IntEndpts& endpts, ChannelScan& scan) {
+    ScanPalette& pal = scan.palette;
+    const IntEndpts& was = scan.paletteOf;
+    if (!scan.paletteKnown || !fast_index_bits(seg) || endpts.pbitA != was.pbitA || endpts.pbitB != was.pbitB) {
+        build_scan_palette(seg, endpts, pal);
+    } else {
+        for (int c = seg.firstChannel; c < seg.endChannel; ++c)
+            if (endpts.A[c] != was.A[c] || endpts.B[c] != was.B[c]) set_carried_channel(seg, endpts, c, pal);
+    }
+    scan.paletteOf = endpts;
+    scan.paletteKnown = true;
+    return pal;
 }
 
 // Channel ch of the palette after endpoint values a and b of that channel.
@@ -269,11 +322,18 @@ void update_channel(const Segment& seg, const IntEndpts& endpts, int ch, int a, 
 // measure is plain squared error, the general scan otherwise.
 float scan_palette(const Segment& seg, const ScanPalette& pal, float beat, int indices[kTexels]) {
     const bool plain = !flag_luma_weights && !flag_alt_luma_weights && !(seg.alphaWithColour && flag_premult);
-    if (plain && pal.entries % 4 == 0) return scan_plain(seg, pal, beat, indices);
+    if (plain && pal.entries % 4 == 0) return scan_plain<true>(seg, pal, beat, indices);
     float palette[16][4];
     for (int i = 0; i < pal.entries; ++i)
         for (int c = 0; c < 4; ++c) palette[i][c] = pal.value[c][i];
     return map_colors_generic(seg, palette, beat, indices);
+}
+
+float scan_error(const Segment& seg, const ScanPalette& pal) {
+    const bool plain = !flag_luma_weights && !flag_alt_luma_weights && !(seg.alphaWithColour && flag_premult);
+    if (plain && pal.entries % 4 == 0) return scan_plain<false>(seg, pal, FLT_MAX, nullptr);
+    int indices[kTexels];
+    return scan_palette(seg, pal, FLT_MAX, indices);
 }
 
 // The terms of every texel and entry, unless the lanes cannot be used
@@ -423,7 +483,10 @@ void evaluate_candidates(const Segment& seg, const IntEndpts& endpts, const Chan
     // Places of a group beyond `end` are decoded too (the batch was closed).
     for (int g = begin; g < end; g += 8) {
         alignas(16) int a[8], b[8];
-        for (int i = 0; i < 8; ++i) a[i] = decode.a(batch.a[g + i]), b[i] = decode.b(batch.b[g + i]);
+        for (int h = 0; h < 8; h += 4) {
+            decode.a4(glyptora_simd::Vec4i::load(&batch.a[g + h])).store(a + h);
+            decode.b4(glyptora_simd::Vec4i::load(&batch.b[g + h])).store(b + h);
+        }
         const int filled = (1 << (end - g < 8 ? end - g : 8)) - 1;
         alignas(16) float beats[8];
         lanes::keep(lanes::laneMask(filled), Vec4f::load(&batch.beat[g])).store(beats);

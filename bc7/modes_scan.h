@@ -17,8 +17,10 @@ struct ScanPalette {
     int entries;
 };
 
-// build_palette of integer endpoints, and of a palette as build_palette writes it.
+// build_palette of integer endpoints, of float endpoints, and of a palette as
+// build_palette writes it.
 void build_scan_palette(const Segment& seg, const IntEndpts& endpts, ScanPalette& pal);
+void build_scan_palette(const Segment& seg, const FltEndpts& endpts, ScanPalette& pal);
 void to_scan_palette(const Segment& seg, const float palette[16][4], ScanPalette& pal);
 
 // Channel ch of the palette after stored values a (endpoint A) and b (endpoint B)
@@ -27,6 +29,8 @@ void update_channel(const Segment& seg, const IntEndpts& endpts, int ch, int a, 
 
 // map_colors of the palette.
 float scan_palette(const Segment& seg, const ScanPalette& pal, float beat, int indices[Tile::TILE_TOTAL]);
+// Its error alone, with nothing to beat.
+float scan_error(const Segment& seg, const ScanPalette& pal);
 
 // What scoring candidates that differ in channel ch only can share: per
 // texel k and entry j, the squared differences of the other channels, summed
@@ -71,6 +75,9 @@ struct ChannelScan {
     static constexpr float kOutside = 1e30f;
     struct WholeForm {
         bool known = false;
+        // The sum over the texels of their least `other`: no candidate's
+        // error is below it (the errors, whole numbers, add exactly).
+        float floor = 0.0f;
         alignas(16) float key[4][16];
         alignas(16) float value[Tile::TILE_TOTAL][4];
         alignas(16) float other[Tile::TILE_TOTAL][16];
@@ -85,7 +92,17 @@ struct ChannelScan {
     alignas(16) float square[4][Tile::TILE_TOTAL][16];
     alignas(16) float squareOf[4][16];
     bool squareKnown[4] = {};
+
+    // The palette of the endpoints last asked for (palette_of), and their
+    // stored values and p-bits.
+    ScanPalette palette;
+    bool paletteKnown = false;
+    IntEndpts paletteOf;
 };
+
+// build_scan_palette of `endpts` into scan.palette, where only the channels
+// whose stored values or p-bits changed since the last call are rebuilt.
+const ScanPalette& palette_of(const Segment& seg, const IntEndpts& endpts, ChannelScan& scan);
 
 void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, ChannelScan& scan);
 
@@ -93,6 +110,12 @@ void prepare_channel_scan(const Segment& seg, const ScanPalette& pal, int ch, Ch
 // searches then hand over many candidates at once, those of later steps
 // included, and score exactly only the few that the bounds leave.
 inline bool bounds_cheap(const ChannelScan& scan) { return scan.usable && scan.whole; }
+
+// Whether no candidate for channel ch can have an error below `beat` (known
+// only where candidates are cheap to rule out).
+inline bool channel_cannot_beat(const ChannelScan& scan, float beat) {
+    return bounds_cheap(scan) && scan.form[scan.ch].floor >= beat;
+}
 
 // Candidates for the values of channel ch, everything else as in the
 // endpoints they are scored against, each with the error it must beat, in

@@ -1,11 +1,15 @@
 #include "bc7/modes_search.h"
 
 #include <cfloat>
+#include <cmath>
 #include <cstdint>
 
 #include "bc7/modes_assert.h"
+#include "bc7/modes_palette.h"
 #include "bc7/modes_scan.h"
+#include "bc7/modes_whole.h"
 #include "bc7/utils.h"
+#include "core/vec4.h"
 
 namespace BC7Modes {
 
@@ -13,17 +17,12 @@ namespace {
 
 constexpr int kTexels = Tile::TILE_TOTAL;
 
-void copy_indices(const Segment& seg, const int from[kTexels], int to[kTexels]) {
-    for (int k = 0; k < seg.count; ++k) to[seg.texel[k]] = from[seg.texel[k]];
-}
-
 // One logarithmic search of perturb_one: which endpoint it moves, the
-// endpoints (updated), the best error and the indices of its best candidate.
+// endpoints (updated) and the best error.
 struct Perturbation {
     int which;
     IntEndpts* endpts;
     float best;
-    int* indices;
 };
 
 // Runs one or two searches on channel ch side by side (the searches are
@@ -38,14 +37,12 @@ struct Perturbation {
 void perturb(const Segment& seg, int ch, Perturbation runs[], int count, ChannelScan& scan, bool prepared) {
     const int prec = seg.prec[ch];
     const int top = (1 << prec) - 1;
-    if (!prepared) {
-        ScanPalette pal;
-        build_scan_palette(seg, *runs[0].endpts, pal);
-        prepare_channel_scan(seg, pal, ch, scan);
-    }
+    if (!prepared) prepare_channel_scan(seg, palette_of(seg, *runs[0].endpts, scan), ch, scan);
+    bool hopeless = true;  // no candidate of any search can beat its best
+    for (int r = 0; r < count; ++r) hopeless = hopeless && channel_cannot_beat(scan, runs[r].best);
+    if (hopeless) return;
     const bool ahead = bounds_cheap(scan);
     int next[2] = {prec - 1, count > 1 ? prec - 1 : -1};  // each search's next step is 1 << next (done below 0)
-    bool moved[2] = {false, false};
     while (next[0] >= 0 || next[1] >= 0) {
         // value - step, then value + step (within the range) of each step of
         // the round; a value outside the range is written but not counted.
@@ -88,19 +85,10 @@ void perturb(const Segment& seg, int ch, Perturbation runs[], int count, Channel
                 if (taken < 0) continue;
                 IntEndpts& e = *runs[r].endpts;
                 (runs[r].which ? e.B[ch] : e.A[ch]) = runs[r].which ? batch.b[taken] : batch.a[taken];
-                moved[r] = true;
                 next[r] = x - 1;
                 break;
             }
         }
-    }
-    // The indices of each search's last kept candidate (its scan was not
-    // abandoned, so a full scan gives the same indices).
-    for (int r = 0; r < count; ++r) {
-        if (!moved[r]) continue;
-        int temp[kTexels];
-        map_colors(seg, *runs[r].endpts, FLT_MAX, temp);
-        copy_indices(seg, temp, runs[r].indices);
     }
 }
 
@@ -108,11 +96,10 @@ void perturb(const Segment& seg, int ch, Perturbation runs[], int count, Channel
 // steps of 1 << (prec - 1) down to 1, trying value - step, then value + step,
 // each scored against the best error so far; after both, the endpoint moves by
 // the better successful step, if any. Returns the best error (`beat` when
-// nothing beat it); `indices` receive the indices of the best candidate.
-// `scan` as for perturb.
-float perturb_one(const Segment& seg, int ch, int which, float beat, IntEndpts& endpts, int indices[kTexels],
-                  ChannelScan& scan, bool prepared) {
-    Perturbation run{which, &endpts, beat, indices};
+// nothing beat it). `scan` as for perturb.
+float perturb_one(const Segment& seg, int ch, int which, float beat, IntEndpts& endpts, ChannelScan& scan,
+                  bool prepared) {
+    Perturbation run{which, &endpts, beat};
     perturb(seg, ch, &run, 1, scan, prepared);
     return run.best;
 }
@@ -132,24 +119,48 @@ void exhaustive_search(const Segment& seg, int ch, IntEndpts& endpts, float& err
 
     float best = err;
     int bestA = a0, bestB = b0;
-    ScanPalette pal;
-    build_scan_palette(seg, endpts, pal);
-    prepare_channel_scan(seg, pal, ch, scan);
-    // Every pair in the order of the search (a search writes up to 7 values
+    prepare_channel_scan(seg, palette_of(seg, endpts, scan), ch, scan);
+    if (channel_cannot_beat(scan, best)) return;
+    // The search runs row by row: one value of the outer endpoint, a run of
+    // values of the inner one. Where candidates are cheap to rule out, rows
+    // whose every candidate is ruled out at once are left out.
+    const bool aOuter = a0 <= b0;
+    const int outerFirst = aOuter ? amin : bmin, outerEnd = aOuter ? amax + 1 : bmax;
+    const int rows = outerEnd - outerFirst;
+    int innerFrom[7], innerCount[7];
+    for (int r = 0; r < rows; ++r) {
+        const int outer = outerFirst + r;
+        innerFrom[r] = aOuter ? (outer > bmin ? outer : bmin) : (outer > amin ? outer : amin);
+        const int innerEnd = aOuter ? bmax : amax + 1;
+        innerCount[r] = innerEnd > innerFrom[r] ? innerEnd - innerFrom[r] : 0;
+    }
+    int keptRows = (1 << rows) - 1;
+    if (bounds_cheap(scan) && rows > 0) {
+        const palette_detail::ChannelDecode decode(seg, endpts, ch);
+        alignas(16) int lowA[8] = {}, highA[8] = {}, lowB[8] = {}, highB[8] = {};
+        alignas(16) float beats[8] = {};
+        for (int r = 0; r < rows; ++r) {
+            if (innerCount[r] == 0) continue;
+            const int outer = outerFirst + r, last = innerFrom[r] + innerCount[r] - 1;
+            lowA[r] = decode.a(aOuter ? outer : innerFrom[r]);
+            highA[r] = decode.a(aOuter ? outer : last);
+            lowB[r] = decode.b(aOuter ? innerFrom[r] : outer);
+            highB[r] = decode.b(aOuter ? last : outer);
+            beats[r] = best;
+        }
+        keptRows = bound_whole_ranges(scan, seg.indexBits, lowA, highA, lowB, highB, beats);
+    }
+    // Every pair in the order of the search (a row writes up to 7 values
     // ahead and counts those within the bounds).
     CandidateBatch batch;
-    if (a0 <= b0) {
-        for (int a = amin; a <= amax; ++a) {
-            const int from = a > bmin ? a : bmin;
-            for (int k = 0; k < 7; ++k) batch.a[batch.count + k] = a, batch.b[batch.count + k] = from + k;
-            batch.count += bmax > from ? bmax - from : 0;
+    for (int r = 0; r < rows; ++r) {
+        if (!(keptRows >> r & 1)) continue;
+        const int outer = outerFirst + r;
+        for (int k = 0; k < 7; ++k) {
+            batch.a[batch.count + k] = aOuter ? outer : innerFrom[r] + k;
+            batch.b[batch.count + k] = aOuter ? innerFrom[r] + k : outer;
         }
-    } else {
-        for (int b = bmin; b < bmax; ++b) {
-            const int from = b > amin ? b : amin;
-            for (int k = 0; k < 7; ++k) batch.a[batch.count + k] = from + k, batch.b[batch.count + k] = b;
-            batch.count += amax >= from ? amax - from + 1 : 0;
-        }
+        batch.count += innerCount[r];
     }
     batch.close();
     // Scored all at once where candidates are cheap to rule out, four at a
@@ -175,14 +186,13 @@ void exhaustive_search(const Segment& seg, int ch, IntEndpts& endpts, float& err
 
 }  // namespace
 
-void make_segment(const Tile& tile, const bool member[kTexels], Segment& seg) {
-    // Every texel is written at the next place, which only a member keeps.
+void make_segment(const Tile& tile, uint16_t mask, Segment& seg) {
     int count = 0;
-    for (int i = 0; i < kTexels; ++i) {
+    for (unsigned bits = mask; bits; bits &= bits - 1, ++count) {
+        const int i = __builtin_ctz(bits);
         seg.texel[count] = i;
-        for (int c = 0; c < 4; ++c) seg.pixel[count][c] = tile.data[i][c];
+        glyptora_simd::Vec4f::load(tile.data[i]).store(seg.pixel[count]);
         seg.weight[count] = tile.importance_map[i];
-        count += member[i] ? 1 : 0;
     }
     seg.count = count;
     seg.wholeTexels = tile.whole;
@@ -239,10 +249,43 @@ void assign_indices(const Segment segs[], const IntEndpts endpts[], int count, i
     for (int s = 0; s < count; ++s) errors[s] = map_colors(segs[s], endpts[s], FLT_MAX, indices);
 }
 
-bool cannot_beat(const float opt_err[], const bool done[], int count, float orig_total, float beat) {
+float error_lower_bound(const Segment& seg) {
+    if (!seg.wholeTexels) return 0.0f;
+    int n = 0, sum[3] = {}, product[6] = {};
+    for (int k = 0; k < seg.count; ++k) {
+        if (seg.weight[k] == 0.0f) continue;
+        if (seg.weight[k] != 1.0f) return 0.0f;
+        const int r = int(seg.pixel[k][0]), g = int(seg.pixel[k][1]), b = int(seg.pixel[k][2]);
+        ++n;
+        sum[0] += r, sum[1] += g, sum[2] += b;
+        product[0] += r * r, product[1] += g * g, product[2] += b * b;
+        product[3] += r * g, product[4] += r * b, product[5] += g * b;
+    }
+    return error_lower_bound(n, sum, product);
+}
+
+float error_lower_bound(int n, const int sum[3], const int product[6]) {
+    if (n < 3) return 0.0f;
+    // N times the scatter matrix: N^2 times the covariances, whole numbers
+    // of at most 16^2 * 255^2 / 4 < 2^22 each, so that their squares and the
+    // sum of those are exact in double.
+    const auto scatter = [&](int at, int c, int d) { return double(n * product[at] - sum[c] * sum[d]); };
+    const double rr = scatter(0, 0, 0), gg = scatter(1, 1, 1), bb = scatter(2, 2, 2);
+    const double rg = scatter(3, 0, 1), rb = scatter(4, 0, 2), gb = scatter(5, 1, 2);
+    const double squares = rr * rr + gg * gg + bb * bb + 2.0 * (rg * rg + rb * rb + gb * gb);
+    // N R, and nothing to bound unless R > 3 N / 4.
+    const double scaled = rr + gg + bb - std::sqrt(squares);
+    if (!(scaled > 0.75 * double(n) * double(n))) return 0.0f;
+    const double spread = std::sqrt(scaled / double(n)) - 0.5 * std::sqrt(3.0 * double(n));
+    if (spread <= 0.0) return 0.0f;
+    return float(std::ceil(spread * spread - 0.5));
+}
+
+bool cannot_beat(const float opt_err[], const float lower[], const bool done[], int count, float orig_total,
+                 float beat) {
     if (!(beat < FLT_MAX) || orig_total < beat) return false;
     float bound = 0.0f;
-    for (int r = 0; r < count; ++r) bound += done[r] ? opt_err[r] : 0.0f;
+    for (int r = 0; r < count; ++r) bound += done[r] ? opt_err[r] : lower[r];
     return bound >= beat;
 }
 
@@ -256,14 +299,12 @@ void largest_first(const float errors[], int count, int order[]) {
 
 float optimize_one(const Segment& seg, float orig_err, IntEndpts& endpts) {
     float opt_err = orig_err;
-    int orig_indices[kTexels], new_indices[kTexels], temp_indices[kTexels];
     ChannelScan scan;
     for (int ch = seg.firstChannel; ch < seg.endChannel; ++ch) {
         // Perturb each endpoint on its own and take the better, if it improves at all.
         IntEndpts newA = endpts, newB = endpts;
-        int indicesA[kTexels], indicesB[kTexels];
         // The two searches are independent: they run side by side.
-        Perturbation runs[2] = {{0, &newA, opt_err, indicesA}, {1, &newB, opt_err, indicesB}};
+        Perturbation runs[2] = {{0, &newA, opt_err}, {1, &newB, opt_err}};
         perturb(seg, ch, runs, 2, scan, false);
         const float errA = runs[0].best, errB = runs[1].best;
         int do_b;
@@ -271,40 +312,42 @@ float optimize_one(const Segment& seg, float orig_err, IntEndpts& endpts) {
             if (!(errA < opt_err)) continue;
             endpts = newA;
             opt_err = errA;
-            copy_indices(seg, indicesA, orig_indices);
             do_b = 1;
         } else {
             if (!(errB < opt_err)) continue;
             endpts = newB;
             opt_err = errB;
-            copy_indices(seg, indicesB, orig_indices);
             do_b = 0;
         }
-        for (int k = 0; k < seg.count; ++k) {
-            const int i = seg.texel[k];
-            BC7_MODE_ASSERT(seg.mode, orig_indices[i] != -1);
-            new_indices[i] = orig_indices[i];
-        }
+        const IntEndpts first = endpts;
 
         // Then alternate between the endpoints while each step improves.
+        bool alternated = false;
         for (;;) {
             IntEndpts candidate = endpts;
             // Only channel ch has changed since `scan` was prepared.
-            const float err = perturb_one(seg, ch, do_b, opt_err, candidate, temp_indices, scan, true);
+            const float err = perturb_one(seg, ch, do_b, opt_err, candidate, scan, true);
             if (!(err < opt_err)) break;
             endpts = candidate;
             opt_err = err;
-            copy_indices(seg, temp_indices, new_indices);
-            for (int k = 0; k < seg.count; ++k) {
-                const int i = seg.texel[k];
-                BC7_MODE_ASSERT(seg.mode, new_indices[i] != -1);
-            }
+            alternated = true;
             do_b = 1 - do_b;
         }
+        if (!alternated) continue;  // the indices are those of the first acceptance
 
-        // Texels changed their indices on the way: the earlier channels may do better now.
+        // Texels changed their indices on the way: the earlier channels may do
+        // better now. The indices of an accepted set are those of a full scan
+        // (its scan was not abandoned).
+        int orig_indices[kTexels], new_indices[kTexels];
+        map_colors(seg, first, FLT_MAX, orig_indices);
+        map_colors(seg, endpts, FLT_MAX, new_indices);
         bool moved = false;
-        for (int k = 0; k < seg.count; ++k) moved = moved || orig_indices[seg.texel[k]] != new_indices[seg.texel[k]];
+        for (int k = 0; k < seg.count; ++k) {
+            const int i = seg.texel[k];
+            BC7_MODE_ASSERT(seg.mode, orig_indices[i] != -1);
+            BC7_MODE_ASSERT(seg.mode, new_indices[i] != -1);
+            moved = moved || orig_indices[i] != new_indices[i];
+        }
         if (moved) ch = seg.firstChannel - 1;
     }
 

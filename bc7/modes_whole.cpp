@@ -35,18 +35,27 @@ int column_differs(const ScanPalette& pal, int c, const float key[16]) {
 // 16-bit lanes that stop at 65535 they only get smaller, so every beat must
 // be at most 65535 (a beat that is not a whole number is rounded up: an error
 // at least that is at least the beat).
-template <int Entries>
-int bound_whole16(const ChannelScan::WholeForm& form, int scanned, const int a[8], const int b[8],
-                  const float beat[8]) {
+//
+// With `Ranges` each lane stands for every candidate whose decoded values lie
+// in a..aHigh and b..bHigh: the entries, which never fall as a or b grows, lie
+// between those of the two corners, and each texel's distance is taken to
+// that span.
+template <int Entries, bool Ranges>
+int bound_whole16(const ChannelScan::WholeForm& form, int scanned, const int a[8], const int b[8], const int aHigh[8],
+                  const int bHigh[8], const float beat[8]) {
     using glyptora_bc7::lanes::U16x8;
     using glyptora_simd::Vec4i;
     constexpr int set = Entries == 4 ? 0 : Entries == 8 ? 1 : 2;
     // Channel ch of every entry (Utils::lerp's integer interpolation; every step fits in 16 bits).
-    const U16x8 va = U16x8::pack(Vec4i::load(a), Vec4i::load(a + 4));
-    const U16x8 vb = U16x8::pack(Vec4i::load(b), Vec4i::load(b + 4));
-    U16x8 value[Entries];
-    for (int j = 0; j < Entries; ++j)
-        value[j] = (U16x8(kLerp.a[set][j]) * va + U16x8(kLerp.b[set][j]) * vb + U16x8(32)) >> 6;
+    const auto entries = [&](const int* x, const int* y, U16x8 out[Entries]) {
+        const U16x8 va = U16x8::pack(Vec4i::load(x), Vec4i::load(x + 4));
+        const U16x8 vb = U16x8::pack(Vec4i::load(y), Vec4i::load(y + 4));
+        for (int j = 0; j < Entries; ++j)
+            out[j] = (U16x8(kLerp.a[set][j]) * va + U16x8(kLerp.b[set][j]) * vb + U16x8(32)) >> 6;
+    };
+    U16x8 value[Entries], high[Entries];
+    entries(a, b, value);
+    if (Ranges) entries(aHigh, bHigh, high);
     const auto roundedUp = [&](int at) {
         return glyptora_simd::truncateToInt(-glyptora_simd::floor(-Vec4f::load(beat + at)));
     };
@@ -56,7 +65,7 @@ int bound_whole16(const ChannelScan::WholeForm& form, int scanned, const int a[8
         const U16x8 p = U16x8::load(form.value16[n]);
         // (p - v)^2 wraps around, but it is below 65536.
         const auto term = [&](int slot, int j) {
-            const U16x8 d = p - value[j];
+            const U16x8 d = Ranges ? max(subSaturate(value[j], p), subSaturate(p, high[j])) : p - value[j];
             return addSaturate(U16x8::load(form.near[n][slot]), d * d);
         };
         U16x8 least;
@@ -66,7 +75,8 @@ int bound_whole16(const ChannelScan::WholeForm& form, int scanned, const int a[8
             least = min(min(term(0, form.below[n]), term(1, form.nearest[n])),
                         min(term(2, form.above[n]), U16x8::load(form.near[n][3])));
         bound = addSaturate(bound, least);
-        if (lessMask(bound, beats) == 0) return 0;
+        // Looked at every other texel (a sum that reached its beat stays there).
+        if ((n & 1) && lessMask(bound, beats) == 0) return 0;
     }
     return lessMask(bound, beats);
 }
@@ -136,8 +146,19 @@ float scan_one_whole(const ChannelScan::WholeForm& form, int scanned, const floa
     return toterr;
 }
 
+// bound_whole16 of single candidates.
+template <int Entries>
+int bound_whole16_points(const ChannelScan::WholeForm& form, int scanned, const int a[8], const int b[8],
+                         const float beat[8]) {
+    return bound_whole16<Entries, false>(form, scanned, a, b, a, b, beat);
+}
+
 using BoundWhole = int (*)(const ChannelScan::WholeForm&, int, const int[8], const int[8], const float[8]);
-constexpr BoundWhole kBoundWhole16[3] = {bound_whole16<4>, bound_whole16<8>, bound_whole16<16>};
+using BoundWholeRanges = int (*)(const ChannelScan::WholeForm&, int, const int[8], const int[8], const int[8],
+                                 const int[8], const float[8]);
+constexpr BoundWhole kBoundWhole16[3] = {bound_whole16_points<4>, bound_whole16_points<8>, bound_whole16_points<16>};
+constexpr BoundWholeRanges kBoundWholeRanges[3] = {bound_whole16<4, true>, bound_whole16<8, true>,
+                                                   bound_whole16<16, true>};
 constexpr BoundWhole kBoundWhole[3] = {bound_whole<4>, bound_whole<8>, bound_whole<16>};
 using ScanOneWhole = float (*)(const ChannelScan::WholeForm&, int, const float[16], float);
 constexpr ScanOneWhole kScanOneWhole[3] = {scan_one_whole<4>, scan_one_whole<8>, scan_one_whole<16>};
@@ -173,6 +194,7 @@ void prepare_whole(const ScanPalette& pal, int ch, ChannelScan& scan) {
     for (int i = 0; i < 3; ++i)
         for (int q = 0; q < entries; q += 4) Vec4f::load(&pal.value[others[i]][q]).store(&form.key[others[i]][q]);
     form.known = true;
+    form.floor = 0.0f;
     const auto clamped = [](float v) { return U16x8(int(std::min(v, 65535.0f))); };
     const Vec4f outside(ChannelScan::kOutside);
     for (int n = 0; n < scan.scanned; ++n) {
@@ -187,6 +209,8 @@ void prepare_whole(const ScanPalette& pal, int ch, ChannelScan& scan) {
             least = glyptora_simd::min(least, e);
         }
         const float* other = form.other[n];
+        const float smallestOther = glyptora_bc7::lanes::hmin(least);
+        form.floor += smallestOther;
         if (entries == 4) {
             const glyptora_simd::Vec4i whole = glyptora_simd::truncateToInt(sum[0]);  // below 2^18
             const U16x8 packed = U16x8::pack(whole, whole);
@@ -196,7 +220,7 @@ void prepare_whole(const ScanPalette& pal, int ch, ChannelScan& scan) {
             packed.broadcast<3>().store(form.near[n][3]);
             continue;
         }
-        const Vec4f smallest(glyptora_bc7::lanes::hmin(least));
+        const Vec4f smallest(smallestOther);
         int equal = 0;
         for (int g = 0; g < groups; ++g) equal |= moveMask(cmpEqual(sum[g], smallest)) << 4 * g;
         const int nearest = __builtin_ctz(unsigned(equal));
@@ -227,6 +251,13 @@ void set_whole_values(const Segment& seg, ChannelScan& scan) {
             Vec4f(v).store(scan.form[c].value[n]);
             glyptora_bc7::lanes::U16x8(int(v)).store(scan.form[c].value16[n]);
         }
+}
+
+int bound_whole_ranges(const ChannelScan& scan, int indexBits, const int a[8], const int aHigh[8], const int b[8],
+                       const int bHigh[8], const float beat[8]) {
+    const float highest = glyptora_bc7::lanes::hmax(glyptora_simd::max(Vec4f::load(beat), Vec4f::load(beat + 4)));
+    if (highest > 65535.0f) return 0xFF;  // nothing ruled out
+    return kBoundWholeRanges[indexBits - 2](scan.form[scan.ch], scan.scanned, a, b, aHigh, bHigh, beat);
 }
 
 int bound_whole_lanes(const ChannelScan& scan, int indexBits, const int a[8], const int b[8], const float beat[8]) {

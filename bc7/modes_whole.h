@@ -23,6 +23,13 @@ void prepare_whole(const ScanPalette& pal, int ch, ChannelScan& scan);
 // least its beat.
 int bound_whole_lanes(const ChannelScan& scan, int indexBits, const int a[8], const int b[8], const float beat[8]);
 
+// bound_whole_lanes for lanes that each stand for every candidate whose
+// decoded values of channel ch lie in a..aHigh and b..bHigh: a lane outside
+// the mask has no such candidate with an error below its beat. Rules out
+// nothing when a beat is above 65535.
+int bound_whole_ranges(const ChannelScan& scan, int indexBits, const int a[8], const int aHigh[8], const int b[8],
+                       const int bHigh[8], const float beat[8]);
+
 // map_colors' error of one candidate whose channel ch entries are `v`, when
 // that is at most `beat`, FLT_MAX otherwise.
 float scan_whole(const ChannelScan& scan, int indexBits, const float v[16], float beat);
