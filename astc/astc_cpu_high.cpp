@@ -23,15 +23,30 @@ constexpr int kLevel2WideFits = 24;
 constexpr int kReferenceGridSide = 5;
 constexpr int kReferenceGridArea = 50;
 
-// Full fits per search and weight refits of the winner: level 2, level 3 on footprints below 25
-// texels (12 partitioned and 8 dual-plane fits: +0.04 dB at 4x4 for a fifth more time), level
-// 3 from 5x5 up (which have the time for many more partitioned and dual-plane fits: +0.09 dB at
-// 8x8).
+// Full fits per search, weight refits of each refined mode, and how many of the best first fits
+// are refined (single plane, partitioned, dual plane) with how much worse than the best one a
+// refined fit may start; level 3 from 5x5 up also polishes every refined mode rather than the
+// best refined one only. Refining more than the best first fit pays more than fitting more
+// modes: level 2 +0.06 to +0.07 dB for a fifth more time; level 3 +0.1 dB at 5x5 to 8x8.
+// Level 2 at 4x4 has the least time: it fits 4 single-plane modes and refines one partitioned.
+// Level 3 below 25 texels: 8 partitioned and 6 dual-plane fits, two of each refined (+0.05 dB
+// at 4x4 for 4% more time).
 struct HighEffort {
     int singleFits, partitionFits, dualFits, refineRounds;
+    int refinedSingle, refinedPartitioned, refinedDual;
+    double refineSlack;
+    bool polishEveryRefined;
 };
-constexpr HighEffort kHighEffort[3] = {{6, 4, 2, 2}, {8, 12, 8, 3}, {8, 32, 32, 3}};
+constexpr HighEffort kHighEffort[4] = {{4, 4, 2, 2, 2, 1, 2, 1.15, false},
+                                       {6, 4, 2, 2, 2, 2, 2, 1.15, false},
+                                       {8, 8, 6, 3, 2, 2, 2, 1.15, false},
+                                       {8, 32, 32, 3, 4, 4, 4, 1.35, true}};
 constexpr int kLargeFootprintArea = 25;
+
+int highEffortFor(int level, int area) {
+    if (level < 3) return area < kLargeFootprintArea ? 0 : 1;
+    return area < kLargeFootprintArea ? 2 : 3;
+}
 
 // Partitioned fits per candidate pattern. Larger footprints have more modes to choose from,
 // the estimate that ranks them misses more often, and they have time to spare: level 2 fits
@@ -49,13 +64,16 @@ int singleFitsFor(int level, int area, const HighEffort& effort) {
     return area >= kFourPartitionArea ? kLevel2WideFits : area >= kLargeFootprintArea ? 12 : effort.singleFits;
 }
 
-AstcSearchSettings highSettings(bool hasAlpha, int fullFits, int refineRounds) {
+AstcSearchSettings highSettings(bool hasAlpha, int fullFits, const HighEffort& effort, int refinedModes) {
     AstcSearchSettings settings;
     settings.endpointModes = hasAlpha ? kAstcAlphaEndpointModes : kAstcOpaqueEndpointModes;
     settings.endpointModeCount = 4;
-    settings.refineRounds = refineRounds;
+    settings.refineRounds = effort.refineRounds;
     settings.polishRounds = 2;
     settings.fullFits = fullFits;
+    settings.refinedModes = refinedModes;
+    settings.refineSlack = effort.refineSlack;
+    settings.polishEveryRefined = effort.polishEveryRefined;
     settings.chooseLevels = true;
     settings.blueContraction = true;
     return settings;
@@ -69,7 +87,7 @@ std::vector<AstcModeGroup> passGroups(AstcPass pass, int footprint, InfillMatDat
 
 astc_cpu_high::astc_cpu_high(const AstcEncoderInput& input, int level)
     : m_level(level >= 3 ? 3 : 2),
-      m_effort(level < 3 ? 0 : input.blockWidth * input.blockHeight < kLargeFootprintArea ? 1 : 2),
+      m_effort(highEffortFor(level >= 3 ? 3 : 2, input.blockWidth * input.blockHeight)),
       m_infill(input.blockWidth, input.blockHeight),
       m_partitions(input.blockWidth, input.blockHeight) {
     m_context.input = &input;
@@ -87,7 +105,11 @@ astc_cpu_high::astc_cpu_high(const AstcEncoderInput& input, int level)
     // Level 3 ranks every two-partition pattern where that is affordable, and has the time for
     // a longer shortlist elsewhere (+0.02 dB at 5x5, +0.03 at 8x8, +0.04 at 10x10).
     m_ranking.everyPattern = m_level == 3;
+    // Level 2 at 4x4 shortlists 64 two-partition patterns (+0.02 dB for 4% more time); level 3
+    // ranks every two-partition pattern where that is affordable, and has the time for a
+    // longer shortlist elsewhere (+0.02 dB at 5x5, +0.03 at 8x8, +0.04 at 10x10).
     if (m_level == 3) m_ranking.twoPartitionShortlist = area >= 100 ? 128 : area >= kLargeFootprintArea ? 64 : 32;
+    else if (area < kLargeFootprintArea) m_ranking.twoPartitionShortlist = 64;
     m_thresholds[0] = (area * 0.001) * (area * 0.001);
     m_thresholds[1] = (area * 0.008) * (area * 0.008);
 }
@@ -119,7 +141,7 @@ void astc_cpu_high::singlePlanePass() {
                       AstcSearchResult result;
                       result.error = state.bestError;
                       AstcBlockSearch(texels, in.weights, in.inverseWeights)
-                          .singlePlane(groups, highSettings(texels.hasAlpha, fits, effort.refineRounds),
+                          .singlePlane(groups, highSettings(texels.hasAlpha, fits, effort, effort.refinedSingle),
                                        result);
                       astcKeepIfBetter(state, result);
                   });
@@ -138,7 +160,7 @@ void astc_cpu_high::partitionPass(const std::vector<uint32_t>& blocks, int parti
         const int width = wide && state.bestError > m_thresholds[1] ? m_widths[1] : m_widths[0];
         const AstcPartitionPattern* candidates[8];
         const int count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates, m_ranking);
-        const AstcSearchSettings settings = highSettings(texels.hasAlpha, fits, effort.refineRounds);
+        const AstcSearchSettings settings = highSettings(texels.hasAlpha, fits, effort, dualPlane ? effort.refinedDual : effort.refinedPartitioned);
         AstcSearchResult result;
         result.error = state.bestError;
         // A block at or below the first threshold is done: later candidates are not tried.
@@ -168,7 +190,7 @@ void astc_cpu_high::dualPlanePass(const std::vector<uint32_t>& blocks) {
         result.error = state.bestError;
         AstcBlockSearch(texels, in.weights, in.inverseWeights)
             .dualPlane(groups, state.dualPlaneChoice,
-                       highSettings(texels.hasAlpha, effort.dualFits, effort.refineRounds), result);
+                       highSettings(texels.hasAlpha, effort.dualFits, effort, effort.refinedDual), result);
         astcKeepIfBetter(state, result);
     });
 }

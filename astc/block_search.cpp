@@ -9,6 +9,7 @@
 #include "astc/endpoint_encoding.h"
 #include "astc/fit_models.h"
 #include "astc/integer_sequence.h"
+#include "astc/mode_refinement.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
 #include "astc/weight_polish.h"
@@ -306,8 +307,13 @@ void AstcBlockSearch::search(const std::vector<AstcModeGroup>& groups, int chann
     idealWeights(channel);
     AstcWeightTrial trial;
     float grid1[64], grid2[64];
-    const AstcModeInfo* winner = nullptr;
-    const AstcGridInfill* winnerGrid = nullptr;
+    AstcRefineList kept(settings);
+    const auto fitMode = [&](const AstcModeInfo& info, const AstcGridInfill& grid, const float* g1, const float* g2) {
+        AstcSearchResult result;
+        result.error = kept.admission(best.error, settings);
+        if (!tryMode(info, grid, g1, g2, channel, settings, result, trial)) return;
+        kept.add(result, &info, &grid);
+    };
     size_t total = 0;
     for (const AstcModeGroup& group : groups) total += group.modes.size();
     if (settings.fullFits > 0 && size_t(settings.fullFits) < total) {
@@ -327,42 +333,20 @@ void AstcBlockSearch::search(const std::vector<AstcModeGroup>& groups, int chann
                 if (channel >= 0) astcFitGrid(*grids[k], m_texels.texels, m_ideal[1], fits[slot][1]);
                 fitted[fittedCount++] = grids[k];
             }
-            if (tryMode(*modes[k], *grids[k], fits[slot][0], fits[slot][1], channel, settings, best, trial)) {
-                winner = modes[k];
-                winnerGrid = grids[k];
-            }
+            fitMode(*modes[k], *grids[k], fits[slot][0], fits[slot][1]);
         }
     } else {
         for (const AstcModeGroup& group : groups) {
             astcFitGrid(*group.grid, m_texels.texels, m_ideal[0], grid1);
             if (channel >= 0) astcFitGrid(*group.grid, m_texels.texels, m_ideal[1], grid2);
-            for (const AstcModeInfo& info : group.modes)
-                if (tryMode(info, *group.grid, grid1, grid2, channel, settings, best, trial)) {
-                    winner = &info;
-                    winnerGrid = group.grid;
-                }
+            for (const AstcModeInfo& info : group.modes) fitMode(info, *group.grid, grid1, grid2);
         }
     }
-    if (!winner) return;
-    // Weights refitted to the winner's own endpoints, then endpoints refitted to them.
-    alignas(16) float u1[kAstcMaxTexels], u2[kAstcMaxTexels];
-    for (int round = 0; round < settings.refineRounds && best.error > 0; ++round) {
-        refitWeights(best, channel, u1, u2);
-        astcFitGrid(*winnerGrid, m_texels.texels, u1, grid1);
-        if (channel >= 0) astcFitGrid(*winnerGrid, m_texels.texels, u2, grid2);
-        if (!tryMode(*winner, *winnerGrid, grid1, grid2, channel, settings, best, trial)) break;
-    }
-    // Grid points moved a level where the infill makes that better, then endpoints refitted to
-    // the moved weights.
-    for (int round = 0; round < settings.polishRounds && best.error > 0; ++round) {
-        AstcBlockContent polished;
-        float moved[2][64];
-        const float change = astcPolishWeights(m_texels, *winnerGrid, best.content, nullptr, m_weights, polished, moved);
-        if (!(change < 0.0f)) break;
-        best.content = polished;
-        best.error = std::max(0.0, best.error + double(change));
-        tryMode(*winner, *winnerGrid, moved[0], moved[1], channel, settings, best, trial);
-    }
+    astcRefineKept(
+        kept, settings, m_texels, channel >= 0, nullptr, m_weights, best,
+        [&](const AstcSearchResult& result, float* u1, float* u2) { refitWeights(result, channel, u1, u2); },
+        [&](const AstcModeInfo& info, const AstcGridInfill& grid, const float* g1, const float* g2,
+            AstcSearchResult& result) { return tryMode(info, grid, g1, g2, channel, settings, result, trial); });
 }
 
 void AstcBlockSearch::singlePlane(const std::vector<AstcModeGroup>& groups, const AstcSearchSettings& settings,

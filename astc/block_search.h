@@ -25,6 +25,12 @@ struct AstcSearchSettings {
     int endpointModeCount = 0;
     int refineRounds = 1;  // weight refits of the best mode
     int polishRounds = 0;  // grid-point level moves of the best mode, each followed by an endpoint refit
+    // Modes refined (the best first fits, at most 8), how much worse than the best error before
+    // the search a first fit may be to be refined when more than one is, and whether every
+    // refined mode is polished or only the best after refinement.
+    int refinedModes = 1;
+    double refineSlack = 1.0;
+    bool polishEveryRefined = false;
     // Modes fitted in full: the others are ranked by an error estimate and only this many of
     // the best estimated go on; 0 fits every mode.
     int fullFits = 0;

@@ -1,5 +1,7 @@
 #include "astc/partition_search.h"
 
+#include "astc/mode_refinement.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -10,6 +12,7 @@
 #include "astc/content_endpoints.h"
 #include "astc/endpoint_encoding.h"
 #include "astc/fit_models.h"
+#include "astc/mode_refinement.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
 #include "astc/weight_polish.h"
@@ -344,7 +347,8 @@ void AstcPartitionSearch::search(const std::vector<AstcModeGroup>& groups, int c
     // Each grid is fitted once, however many of the kept modes use it.
     const AstcGridInfill* fitted[kMaxKeep];
     alignas(16) float fits[kMaxKeep][2][64];
-    int fittedCount = 0, winner = -1;
+    int fittedCount = 0;
+    AstcRefineList kept(settings);
     for (int k = 0; k < count; ++k) {
         int slot = 0;
         while (slot < fittedCount && fitted[slot] != grids[k]) ++slot;
@@ -353,27 +357,16 @@ void AstcPartitionSearch::search(const std::vector<AstcModeGroup>& groups, int c
             if (channel >= 0) astcFitGrid(*grids[k], m_texels.texels, m_ideal[1], fits[slot][1]);
             fitted[fittedCount++] = grids[k];
         }
-        if (tryMode(*modes[k], *grids[k], fits[slot][0], fits[slot][1], channel, settings, best, trial)) winner = k;
+        AstcSearchResult result;
+        result.error = kept.admission(best.error, settings);
+        if (tryMode(*modes[k], *grids[k], fits[slot][0], fits[slot][1], channel, settings, result, trial))
+            kept.add(result, modes[k], grids[k]);
     }
-    if (winner < 0) return;
-    alignas(16) float u1[kAstcMaxTexels], u2[kAstcMaxTexels], grid1[64], grid2[64];
-    for (int round = 0; round < settings.refineRounds && best.error > 0; ++round) {
-        refitWeights(best, channel, u1, u2);
-        astcFitGrid(*grids[winner], m_texels.texels, u1, grid1);
-        if (channel >= 0) astcFitGrid(*grids[winner], m_texels.texels, u2, grid2);
-        if (!tryMode(*modes[winner], *grids[winner], grid1, grid2, channel, settings, best, trial)) break;
-    }
-    // Grid points moved a level where the infill makes that better, then endpoints refitted to
-    // the moved weights.
-    for (int round = 0; round < settings.polishRounds && best.error > 0; ++round) {
-        AstcBlockContent polished;
-        float moved[2][64];
-        const float change = astcPolishWeights(m_texels, *grids[winner], best.content, m_pattern.partitionOf, m_weights, polished, moved);
-        if (!(change < 0.0f)) break;
-        best.content = polished;
-        best.error = std::max(0.0, best.error + double(change));
-        tryMode(*modes[winner], *grids[winner], moved[0], moved[1], channel, settings, best, trial);
-    }
+    astcRefineKept(
+        kept, settings, m_texels, channel >= 0, m_pattern.partitionOf, m_weights, best,
+        [&](const AstcSearchResult& result, float* u1, float* u2) { refitWeights(result, channel, u1, u2); },
+        [&](const AstcModeInfo& info, const AstcGridInfill& grid, const float* g1, const float* g2,
+            AstcSearchResult& result) { return tryMode(info, grid, g1, g2, channel, settings, result, trial); });
 }
 
 }  // namespace glyptora_astc

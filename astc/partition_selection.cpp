@@ -147,6 +147,28 @@ template <typename Count>
     count = std::min(count + 1, size);
 }
 
+// The most distinct patterns of one partition count (there are 1024 seeds).
+constexpr int kMaxDistinctPatterns = 1024;
+
+// The `size` best of `count` integer scores (0..`top`), best first, earlier first among equals,
+// by a counting sort: the same list as inserting them one by one, without the shifting.
+template <typename PatternOf>
+int shortlistByCounting(const uint8_t* scores, int count, int top, int size, PatternOf&& patternOf,
+                        const AstcPartitionPattern** listed) {
+    int histogram[kAstcMaxTexels + 1] = {};
+    for (int j = 0; j < count; ++j) ++histogram[scores[j]];
+    // The lowest score that makes the list, and where each score at or above it starts there.
+    int threshold = top, taken = 0;
+    while (threshold > 0 && taken + histogram[threshold] < size) taken += histogram[threshold--];
+    int next[kAstcMaxTexels + 1];
+    for (int v = top, at = 0; v >= threshold; --v) next[v] = at, at += histogram[v];
+    for (int j = 0; j < count; ++j) {
+        const int v = scores[j];
+        if (v >= threshold && next[v] < size) listed[next[v]++] = patternOf(j);
+    }
+    return std::min(count, size);
+}
+
 // The agreement scan over the packed texel sets of footprints of at most 64 texels: the
 // same scores and list as agreement() and shortlistInsert(), with what does not depend on the
 // pattern counted once; with more than two partitions a bound passes over most patterns
@@ -160,15 +182,17 @@ template <typename Count>
     const int k = scan.k, patternCount = int(distinct.size());
     const uint64_t c0 = scan.clusters[0][0], c1 = scan.clusters[1][0], c2 = scan.clusters[2][0];
     const uint64_t valid = scan.clusters[k][0];
-    int score[kMaxShortlist], count = 0;
     if (k == 2) {
         const int all = Count::of(valid);
+        uint8_t scores[kMaxDistinctPatterns];
         for (int j = 0; j < patternCount; ++j, sets += 4) {
             const int same = Count::of(sets[0] & c0) + Count::of(sets[1] & c1);
-            shortlistInsert(std::max(same, all - same), &patterns[distinct[j]], size, score, listed, count);
+            scores[j] = uint8_t(std::max(same, all - same));
         }
-        return count;
+        return shortlistByCounting(scores, patternCount, all, size, [&](int j) { return &patterns[distinct[j]]; },
+                                   listed);
     }
+    int score[kMaxShortlist], count = 0;
     for (int j = 0; j < patternCount; ++j, sets += 4) {
         int shared[4][4];
         for (int p = 0; p < k; ++p) {
@@ -200,8 +224,18 @@ template <typename Count>
                                                    const AstcPartitionPattern** listed) {
     if (scan.words == 1) return shortlistOneWord<Count>(table, scan, size, listed);
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(scan.k);
+    const std::vector<uint16_t>& distinct = table.distinct(scan.k);
+    if (scan.k == 2) {
+        uint8_t scores[kMaxDistinctPatterns];
+        const int patternCount = int(distinct.size());
+        for (int j = 0; j < patternCount; ++j) scores[j] = uint8_t(agreement<Count>(patterns[distinct[j]], scan));
+        int all = 0;
+        for (int w = 0; w < scan.words; ++w) all += Count::of(scan.clusters[2][w]);
+        return shortlistByCounting(scores, patternCount, all, size, [&](int j) { return &patterns[distinct[j]]; },
+                                   listed);
+    }
     int score[kMaxShortlist], count = 0;
-    for (const uint16_t index : table.distinct(scan.k)) {
+    for (const uint16_t index : distinct) {
         const AstcPartitionPattern& pattern = patterns[index];
         shortlistInsert(agreement<Count>(pattern, scan), &pattern, size, score, listed, count);
     }
@@ -320,38 +354,67 @@ struct FourCovariances {
     }
 };
 
-// Ranks every distinct two-partition pattern by what one line per partition leaves; writes
-// the `keep` best, earlier seeds first among equals. The first partition's moment sums come
-// from the sums of every subset of each run of four texels; the second's are the rest. Four
-// patterns are bounded at once (one per lane); only those the bound cannot pass over get
-// their eigenvalues.
-int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTable& table, int keep,
-                                 const AstcPartitionPattern** out) {
-    constexpr int kGroups = (kEveryPatternTexels + 3) / 4;
-    alignas(16) float subsets[kGroups][16][kPacked][4];
-    Vec4f texel[4][kPacked], total[kPackedScalars];
-    const int groups = (t.texels + 3) / 4;
-    for (int g = 0; g < groups; ++g) {
-        for (int b = 0; b < 4; ++b) packTexel(t, g * 4 + b, texel[b]);
-        for (int mask = 0; mask < 16; ++mask)
-            for (int r = 0; r < kPacked; ++r) {
-                Vec4f sum;
-                for (int b = 0; b < 4; ++b)
-                    if (mask >> b & 1) sum += texel[b][r];
-                sum.store(subsets[g][mask][r]);
+// The packed sums of every subset of each run of four texels: a partition's sums are then one
+// lookup per run, by the four bits of its texel set there, instead of one sum per texel.
+struct PackedSubsets {
+    static constexpr int kMaxGroups = kAstcMaxTexels / 4;
+    int groups = 0;
+    alignas(16) float sums[kMaxGroups][16][kPacked][4];
+    Vec4f total[kPacked];
+
+    explicit PackedSubsets(const AstcBlockTexels& t) : groups((t.texels + 3) / 4) {
+        for (int g = 0; g < groups; ++g) {
+            Vec4f texel[4][kPacked];
+            for (int b = 0; b < 4; ++b) packTexel(t, g * 4 + b, texel[b]);
+            for (int r = 0; r < kPacked; ++r) Vec4f().store(sums[g][0][r]);
+            // Each subset is a smaller one plus its highest texel.
+            for (int mask = 1; mask < 16; ++mask) {
+                const int top = 31 - __builtin_clz(unsigned(mask));
+                for (int r = 0; r < kPacked; ++r)
+                    (Vec4f::load(sums[g][mask & ~(1 << top)][r]) + texel[top][r]).store(sums[g][mask][r]);
             }
+            for (int r = 0; r < kPacked; ++r) total[r] += Vec4f::load(sums[g][15][r]);
+        }
     }
+
+    // The sums of the texels in `set` (bit i for texel i), sixteen runs to a word.
+    void of(const uint64_t* set, Vec4f out[kPacked]) const {
+        if (groups <= 16) return ofRuns(set[0], 0, groups, out);
+        Vec4f part[kPacked];
+        ofRuns(set[0], 0, 16, out);
+        for (int first = 16; first < groups; first += 16) {
+            ofRuns(set[first >> 4], first, std::min(groups, first + 16), part);
+            for (int r = 0; r < kPacked; ++r) out[r] += part[r];
+        }
+    }
+
+private:
+    void ofRuns(uint64_t bits, int first, int last, Vec4f out[kPacked]) const {
+        Vec4f s0, s1, s2, s3;
+        for (int g = first; g < last; ++g, bits >>= 4) {
+            const float(*run)[4] = sums[g][bits & 15];
+            s0 += Vec4f::load(run[0]);
+            s1 += Vec4f::load(run[1]);
+            s2 += Vec4f::load(run[2]);
+            s3 += Vec4f::load(run[3]);
+        }
+        out[0] = s0, out[1] = s1, out[2] = s2, out[3] = s3;
+    }
+};
+
+// Ranks two-partition patterns by what one line per partition leaves; writes the `keep` best,
+// earlier ones first among equals. `setOf(j)` gives pattern j's first partition, `patternOf(j)`
+// the pattern. The second partition's sums are the rest of the block's. Four patterns are
+// bounded at once (one per lane); only those the bound cannot pass over get their eigenvalues.
+template <typename SetOf, typename PatternOf>
+int rankTwoPartitionPatterns(const PackedSubsets& subsets, int patternCount, int keep, SetOf&& setOf,
+                             PatternOf&& patternOf, const AstcPartitionPattern** out) {
+    Vec4f total[kPackedScalars];
     for (int r = 0; r < kPacked; ++r) {
-        Vec4f sum;
-        for (int g = 0; g < groups; ++g) sum += Vec4f::load(subsets[g][15][r]);
         alignas(16) float lanes[4];
-        sum.store(lanes);
+        subsets.total[r].store(lanes);
         for (int k = 0; k < 4; ++k) total[r * 4 + k] = Vec4f(lanes[k]);
     }
-    const std::vector<AstcPartitionPattern>& patterns = table.patterns(2);
-    const std::vector<uint16_t>& distinct = table.distinct(2);
-    const uint64_t* sets = table.distinctTexelSets(2).data();
-    const int patternCount = int(distinct.size());
     float kept[8];
     int count = 0;
     for (int first = 0; first < patternCount; first += 4) {
@@ -359,13 +422,7 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
         Vec4f packed[kPacked][4];  // [row][pattern]
         for (int l = 0; l < 4; ++l) {
             Vec4f sum[kPacked];
-            if (l < lanes) {
-                const uint64_t texels = sets[size_t(first + l) * 4];
-                for (int g = 0; g < groups; ++g) {
-                    const int mask = int(texels >> (g * 4) & 15);
-                    for (int r = 0; r < kPacked; ++r) sum[r] += Vec4f::load(subsets[g][mask][r]);
-                }
-            }
+            if (l < lanes) subsets.of(setOf(first + l), sum);
             for (int r = 0; r < kPacked; ++r) packed[r][l] = sum[r];
         }
         const FourCovariances a = FourCovariances::ofPartitions(packed);
@@ -382,11 +439,22 @@ int rankEveryTwoPartitionPattern(const AstcBlockTexels& t, const AstcPartitionTa
             if (count == keep && !(residual < kept[keep - 1])) continue;
             int at = count < keep ? count : keep - 1;
             while (at > 0 && residual < kept[at - 1]) kept[at] = kept[at - 1], out[at] = out[at - 1], --at;
-            kept[at] = residual, out[at] = &patterns[distinct[size_t(first + l)]];
+            kept[at] = residual, out[at] = patternOf(first + l);
             count = std::min(count + 1, keep);
         }
     }
     return count;
+}
+
+// Every distinct two-partition pattern of a footprint of at most 64 texels, ranked.
+int rankEveryTwoPartitionPattern(const PackedSubsets& subsets, const AstcPartitionTable& table, int keep,
+                                 const AstcPartitionPattern** out) {
+    const std::vector<AstcPartitionPattern>& patterns = table.patterns(2);
+    const std::vector<uint16_t>& distinct = table.distinct(2);
+    const uint64_t* sets = table.distinctTexelSets(2).data();
+    return rankTwoPartitionPatterns(
+        subsets, int(distinct.size()), keep, [&](int j) { return sets + size_t(j) * 4; },
+        [&](int j) { return &patterns[distinct[size_t(j)]]; }, out);
 }
 
 // How much the reference grid's loss counts beside the line residual: measured (0.25 ranks best
@@ -464,15 +532,18 @@ float gridLoss(const AstcBlockTexels& t, const AstcPartitionPattern& pattern, in
            spanSquared / float(t.validCount);
 }
 
-// The covariances of the pattern's partitions from the block's packed texel sums, one
-// partition per lane.
-FourCovariances partitionCovariances(const AstcBlockTexels& t, const float packedTexels[][kPacked][4],
-                                     const AstcPartitionPattern& pattern) {
+// The covariances of the pattern's partitions, one partition per lane; the last partition's
+// sums are what the others leave of the block's.
+FourCovariances partitionCovariances(const PackedSubsets& subsets, const AstcPartitionPattern& pattern, int k) {
     Vec4f sum[kPacked][4];  // [row][partition]
-    for (int i = 0; i < t.texels; ++i) {
-        const int p = pattern.partitionOf[i];
-        for (int r = 0; r < kPacked; ++r) sum[r][p] += Vec4f::load(packedTexels[i][r]);
+    Vec4f rest[kPacked];
+    for (int r = 0; r < kPacked; ++r) rest[r] = subsets.total[r];
+    for (int p = 0; p + 1 < k; ++p) {
+        Vec4f part[kPacked];
+        subsets.of(pattern.texelsOf[p], part);
+        for (int r = 0; r < kPacked; ++r) sum[r][p] = part[r], rest[r] -= part[r];
     }
+    for (int r = 0; r < kPacked; ++r) sum[r][k - 1] = rest[r];
     return FourCovariances::ofPartitions(sum);
 }
 
@@ -485,12 +556,16 @@ float lineResidual(const FourCovariances& c, int k) {
 
 // Ranks the shortlist by line residual, or with a reference grid by line residual plus what
 // the grid loses; writes the `keep` best to `out`, earlier entries first among equals.
-int rankShortlist(const AstcBlockTexels& t, const float packedTexels[][kPacked][4], const AstcPartitionPattern** listed,
+int rankShortlist(const AstcBlockTexels& t, const PackedSubsets& subsets, const AstcPartitionPattern** listed,
                   int listedCount, int k, int keep, const AstcGridSize* grid, const AstcPartitionPattern** out) {
+    if (k == 2 && grid == nullptr)
+        return rankTwoPartitionPatterns(
+            subsets, listedCount, keep, [&](int j) { return listed[j]->texelsOf[0]; }, [&](int j) { return listed[j]; },
+            out);
     float score[kMaxShortlist];
     int rank[kMaxShortlist];
     for (int j = 0; j < listedCount; ++j) {
-        const FourCovariances c = partitionCovariances(t, packedTexels, *listed[j]);
+        const FourCovariances c = partitionCovariances(subsets, *listed[j], k);
         score[j] = lineResidual(c, k) + (grid != nullptr ? gridLoss(t, *listed[j], k, c, *grid) : 0.0f);
         rank[j] = j;
     }
@@ -507,15 +582,9 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     const std::vector<AstcPartitionPattern>& patterns = table.patterns(partitionCount);
     keep = std::min(keep, 8);
     if (keep <= 0 || patterns.empty() || texels.validCount < partitionCount) return 0;
+    const PackedSubsets subsets(texels);
     if (ranking.everyPattern && partitionCount == 2 && texels.texels <= kEveryPatternTexels)
-        return rankEveryTwoPartitionPattern(texels, table, keep, out);
-    // Raw floats: only the block's own texels are written and read (no table-wide zeroing).
-    alignas(16) float packedTexels[kAstcMaxTexels][kPacked][4];
-    for (int i = 0; i < texels.texels; ++i) {
-        Vec4f rows[kPacked];
-        packTexel(texels, i, rows);
-        for (int r = 0; r < kPacked; ++r) rows[r].store(packedTexels[i][r]);
-    }
+        return rankEveryTwoPartitionPattern(subsets, table, keep, out);
     ClusterScan scan;
     const int k = scan.k = partitionCount;
     scan.words = (texels.texels + 63) / 64;
@@ -539,7 +608,7 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     const int size = k == 2 ? std::clamp(ranking.twoPartitionShortlist, keep, kMaxShortlist) : 8 + 4 * keep;
     const int listedCount = shortlist(table, scan, size, listed);
     const AstcGridSize* grid = ranking.referenceGrid.width > 0 ? &ranking.referenceGrid : nullptr;
-    return rankShortlist(texels, packedTexels, listed, listedCount, k, keep, grid, out);
+    return rankShortlist(texels, subsets, listed, listedCount, k, keep, grid, out);
 }
 
 }  // namespace glyptora_astc
