@@ -27,8 +27,9 @@ constexpr int kReferenceGridArea = 50;
 // are refined (single plane, partitioned, dual plane) with how much worse than the best one a
 // refined fit may start; level 3 from 5x5 up also polishes every refined mode rather than the
 // best refined one only. Refining more than the best first fit pays more than fitting more
-// modes: level 2 +0.06 to +0.07 dB for a fifth more time; level 3 +0.1 dB at 5x5 to 8x8.
-// Level 2 at 4x4 has the least time: it fits 4 single-plane modes and refines one partitioned.
+// modes: level 2 +0.06 to +0.07 dB for a fifth more time; level 3 +0.1 dB at 5x5 to 8x8, and
+// from 100 texels, which have the most time to spare, eight refined give another +0.01 to
+// +0.02 dB for a third more time. Level 2 at 4x4 has the least time: 4 single-plane fits.
 // Level 3 below 25 texels: 8 partitioned and 6 dual-plane fits, two of each refined (+0.05 dB
 // at 4x4 for 4% more time).
 struct HighEffort {
@@ -37,15 +38,17 @@ struct HighEffort {
     double refineSlack;
     bool polishEveryRefined;
 };
-constexpr HighEffort kHighEffort[4] = {{4, 4, 2, 2, 2, 1, 2, 1.15, false},
+constexpr HighEffort kHighEffort[5] = {{4, 4, 2, 2, 2, 2, 2, 1.15, false},
                                        {6, 4, 2, 2, 2, 2, 2, 1.15, false},
                                        {8, 8, 6, 3, 2, 2, 2, 1.15, false},
-                                       {8, 32, 32, 3, 4, 4, 4, 1.35, true}};
+                                       {8, 32, 32, 3, 4, 4, 4, 1.35, true},
+                                       {8, 32, 32, 3, 8, 8, 8, 1.5, true}};
 constexpr int kLargeFootprintArea = 25;
+constexpr int kWidestFootprintArea = 100;
 
 int highEffortFor(int level, int area) {
     if (level < 3) return area < kLargeFootprintArea ? 0 : 1;
-    return area < kLargeFootprintArea ? 2 : 3;
+    return area < kLargeFootprintArea ? 2 : area < kWidestFootprintArea ? 3 : 4;
 }
 
 // Partitioned fits per candidate pattern. Larger footprints have more modes to choose from,
@@ -108,7 +111,7 @@ astc_cpu_high::astc_cpu_high(const AstcEncoderInput& input, int level)
     // Level 2 at 4x4 shortlists 64 two-partition patterns (+0.02 dB for 4% more time); level 3
     // ranks every two-partition pattern where that is affordable, and has the time for a
     // longer shortlist elsewhere (+0.02 dB at 5x5, +0.03 at 8x8, +0.04 at 10x10).
-    if (m_level == 3) m_ranking.twoPartitionShortlist = area >= 100 ? 128 : area >= kLargeFootprintArea ? 64 : 32;
+    if (m_level == 3) m_ranking.twoPartitionShortlist = area >= kWidestFootprintArea ? 128 : area >= kLargeFootprintArea ? 64 : 32;
     else if (area < kLargeFootprintArea) m_ranking.twoPartitionShortlist = 64;
     m_thresholds[0] = (area * 0.001) * (area * 0.001);
     m_thresholds[1] = (area * 0.008) * (area * 0.008);
