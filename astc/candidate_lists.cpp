@@ -2,8 +2,11 @@
 
 #include <span>
 
+#include "astc/block_layout.h"
 #include "astc/candidate_list_data.h"
+#include "astc/colour_range_lookup.h"
 #include "astc/footprints.h"
+#include "astc/integer_sequence.h"
 
 namespace glyptora_astc {
 
@@ -20,6 +23,10 @@ constexpr int kPassCounts[7][kAstcFootprintCount] = {
     {22, 22, 22, 26, 24, 26, 20, 25, 25, 25, 25, 32, 30, 35},
     {54, 63, 71, 82, 92, 91, 92, 107, 92, 98, 106, 112, 113, 111},
 };
+
+// Colour range index of 16 levels.
+constexpr int kPartitionedMinimumRange = 8;
+static_assert(astcRangeLevels(kPartitionedMinimumRange) == 16);
 
 }  // namespace
 
@@ -54,8 +61,21 @@ std::vector<AstcModeInfo> astcCandidateModes(AstcCandidateList list, int footpri
             dual = true;
             break;
     }
+    // The three- and four-partition lists pass over the modes that leave their partitions too
+    // little colour: fewer than 16 levels for four values a partition (RGB base plus scale), so
+    // that their first N entries are all modes a partitioned block can use (+0.01 to +0.02 dB
+    // at levels 2 and 3).
+    const int partitions = list == AstcCandidateList::ThreePartitions  ? 3
+                           : list == AstcCandidateList::FourPartitions ? 4
+                                                                       : 0;
     std::vector<AstcModeInfo> modes;
-    for (size_t i = 0; i < entries.size() && int(i) < count; ++i) modes.push_back(astcModeInfo(entries[i], dual));
+    for (size_t i = 0; i < entries.size() && int(modes.size()) < count; ++i) {
+        const AstcModeInfo info = astcModeInfo(entries[i], dual);
+        if (partitions > 0 &&
+            astcColourRangeLookup(partitions, 0, false, info.weightBits, partitions * 4) < kPartitionedMinimumRange)
+            continue;
+        modes.push_back(info);
+    }
     return modes;
 }
 
