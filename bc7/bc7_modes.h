@@ -9,7 +9,9 @@
 // vectorised palette scans behind them), modes_whole.h (their whole-number
 // form with lower bounds), modes_palette.h (endpoint decoding and
 // interpolation for the scans), modes_refine.h
-// (quantisation with p-bits, anchor fix-up, refinement of one shape),
+// (quantisation with p-bits, anchor fix-up, refinement of one shape, and
+// RegionFits, the per-tile cache of region fits, error bounds and endpoint
+// optimisations that the modes share),
 // modes_partitioned.cpp (modes 0, 1, 2, 3, 7), modes_rotation.cpp (modes 4,
 // 5), mode6.cpp and modes_driver.cpp (the block entry and the mode order).
 #include <cfloat>
