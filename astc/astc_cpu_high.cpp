@@ -25,7 +25,7 @@ constexpr int kReferenceGridArea = 50;
 
 // Full fits per search, weight refits of each refined mode, and how many of the best first fits
 // are refined (single plane, partitioned, dual plane) with how much worse than the best one a
-// refined fit may start; level 3 from 5x5 up also polishes every refined mode rather than the
+// refined fit may start; level 3 from 6x6 up also polishes every refined mode rather than the
 // best refined one only. Refining more than the best first fit pays more than fitting more
 // modes: level 2 +0.06 to +0.07 dB for a fifth more time; level 3 +0.1 dB at 5x5 to 8x8, and
 // from 100 texels, which have the most time to spare, eight refined give another +0.01 to
@@ -39,17 +39,18 @@ struct HighEffort {
     double refineSlack;
     bool polishEveryRefined;
 };
-constexpr HighEffort kHighEffort[5] = {{4, 4, 2, 2, 2, 2, 2, 1.15, false},
-                                       {6, 4, 2, 2, 2, 3, 2, 1.2, false},
-                                       {8, 8, 6, 3, 2, 2, 2, 1.15, false},
-                                       {8, 32, 32, 3, 4, 4, 4, 1.35, true},
-                                       {8, 32, 32, 3, 8, 8, 8, 1.5, true}};
+constexpr HighEffort kHighEffort[6] = {{4, 4, 2, 2, 2, 2, 2, 1.15, false},  {6, 4, 2, 2, 2, 3, 2, 1.2, false},
+                                       {8, 8, 6, 3, 2, 2, 2, 1.15, false},  {8, 32, 32, 3, 3, 3, 3, 1.25, false},
+                                       {8, 32, 32, 3, 4, 4, 4, 1.35, true}, {8, 32, 32, 3, 8, 8, 8, 1.5, true}};
 constexpr int kLargeFootprintArea = 25;
 constexpr int kWidestFootprintArea = 100;
 
+// Rows: level 2 below 25 texels and from 25; level 3 below 25, below 36 (5x5 and 6x5, where
+// the polish of every refined mode costs a fifth more time for +0.02 dB, too much beside
+// -thorough's speed there), below 100, and from 100.
 int highEffortFor(int level, int area) {
     if (level < 3) return area < kLargeFootprintArea ? 0 : 1;
-    return area < kLargeFootprintArea ? 2 : area < kWidestFootprintArea ? 3 : 4;
+    return area < kLargeFootprintArea ? 2 : area < kFourPartitionArea ? 3 : area < kWidestFootprintArea ? 4 : 5;
 }
 
 // Partitioned fits per candidate pattern. Larger footprints have more modes to choose from,

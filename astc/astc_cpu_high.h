@@ -45,9 +45,7 @@ private:
     AstcBlockContext m_context;
     int m_footprint = 0;
     int m_level = 2;
-    // Row of the effort table: level 2 below 25 texels and from 25; level 3 below 25, from 25
-    // and from 100.
-    int m_effort = 0;
+    int m_effort = 0;  // row of the effort table
     InfillMatDataBase m_infill;
     AstcPartitionTable m_partitions;
     AstcPartitionRanking m_ranking;
