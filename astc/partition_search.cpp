@@ -1,7 +1,5 @@
 #include "astc/partition_search.h"
 
-#include "astc/mode_refinement.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
