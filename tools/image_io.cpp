@@ -216,7 +216,9 @@ bool hdrScanlinesEnd(const std::vector<uint8_t>& b) {
     };
     const std::string identifier = line();
     if (identifier != "#?RADIANCE" && identifier != "#?RGBE") return true;
-    while (!line().empty()) {
+    // The decoder reads each header line as a C string: a line that starts with a NUL byte ends
+    // the header as an empty one does.
+    for (std::string header = line(); !header.empty() && header[0] != '\0'; header = line()) {
     }
     const std::string resolution = line();
     if (resolution.compare(0, 3, "-Y ") != 0) return true;
