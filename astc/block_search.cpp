@@ -12,7 +12,6 @@
 #include "astc/mode_refinement.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
-#include "astc/weight_polish.h"
 #include "astc/weight_spectrum.h"
 #include "core/vec4.h"
 

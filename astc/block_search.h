@@ -23,8 +23,8 @@ struct AstcSearchResult {
 struct AstcSearchSettings {
     const uint8_t* endpointModes = nullptr;  // in order of trial
     int endpointModeCount = 0;
-    int refineRounds = 1;  // weight refits of the best mode
-    int polishRounds = 0;  // grid-point level moves of the best mode, each followed by an endpoint refit
+    int refineRounds = 1;  // weight refits of each refined mode
+    int polishRounds = 0;  // grid-point level moves of a polished mode, each followed by an endpoint refit
     // Modes refined (the best first fits, at most 8), how much worse than the best error before
     // the search a first fit may be to be refined when more than one is, and whether every
     // refined mode is polished or only the best after refinement.

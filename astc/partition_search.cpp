@@ -13,7 +13,6 @@
 #include "astc/mode_refinement.h"
 #include "astc/quantization_tables.h"
 #include "astc/weight_quantization.h"
-#include "astc/weight_polish.h"
 #include "astc/weight_spectrum.h"
 
 namespace glyptora_astc {
