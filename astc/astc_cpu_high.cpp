@@ -19,7 +19,6 @@ namespace {
 // two-partition dual-plane pass (4x4 alone).
 constexpr int kFourPartitionArea = 36;
 constexpr int kTwoPartitionDualPlaneArea = 20;
-constexpr int kLevel2WideFits = 24;
 constexpr int kReferenceGridSide = 5;
 constexpr int kReferenceGridArea = 50;
 
@@ -29,44 +28,47 @@ constexpr int kReferenceGridArea = 50;
 // best refined one only. Refining more than the best first fit pays more than fitting more
 // modes: level 2 +0.06 to +0.07 dB for a fifth more time; level 3 +0.1 dB at 5x5 to 8x8, and
 // from 100 texels, which have the most time to spare, eight refined give another +0.01 to
-// +0.02 dB for a third more time. Level 2 from 25 texels refines three partitioned fits (+0.01
-// dB for 4% more time); at 4x4, which has the least time, it fits 4 single-plane modes.
-// Level 3 below 25 texels: 8 partitioned and 6 dual-plane fits, two of each refined (+0.05 dB
-// at 4x4 for 4% more time).
+// +0.02 dB for a third more time. Level 2 from 36 texels refines three partitioned fits (+0.01
+// dB for 4% more time). The small footprints have the least time beside astcenc's: since the
+// endpoint encoders choose their levels by the error model (a tenth more time there, +0.07 to
+// +0.1 dB), they refit weights once at level 2 and refine fewer partitioned fits: level 2 at
+// 4x4 refines one (-0.02 dB for a tenth less time), at 5x5 and 6x5 two partitioned and one
+// single-plane fit out of 8 fits each (-0.03 dB for a fifth less time); level 3 at 4x4 fits
+// 6 partitioned modes and refines one (-0.04 dB for a fifth less time), at 5x5 and 6x5 fits
+// 24 and refines two (same PSNR, a tenth less time).
 struct HighEffort {
     int singleFits, partitionFits, dualFits, refineRounds;
     int refinedSingle, refinedPartitioned, refinedDual;
     double refineSlack;
     bool polishEveryRefined;
 };
-constexpr HighEffort kHighEffort[6] = {{4, 4, 2, 2, 2, 2, 2, 1.15, false},  {6, 4, 2, 2, 2, 3, 2, 1.2, false},
-                                       {8, 8, 6, 3, 2, 2, 2, 1.15, false},  {8, 32, 32, 3, 3, 3, 3, 1.25, false},
-                                       {8, 32, 32, 3, 4, 4, 4, 1.35, true}, {8, 32, 32, 3, 8, 8, 8, 1.5, true}};
+constexpr HighEffort kHighEffort[7] = {
+    {4, 4, 2, 1, 2, 1, 2, 1.15, false},    {8, 8, 2, 1, 1, 2, 2, 1.2, false},   {24, 16, 2, 2, 2, 3, 2, 1.2, false},
+    {8, 6, 6, 3, 2, 1, 2, 1.15, false},    {8, 24, 32, 3, 3, 2, 3, 1.25, false}, {8, 32, 32, 3, 4, 4, 4, 1.35, true},
+    {8, 32, 32, 3, 8, 8, 8, 1.5, true}};
 constexpr int kLargeFootprintArea = 25;
 constexpr int kWidestFootprintArea = 100;
 
-// Rows: level 2 below 25 texels and from 25; level 3 below 25, below 36 (5x5 and 6x5, where
-// the polish of every refined mode costs a fifth more time for +0.02 dB, too much beside
-// -thorough's speed there), below 100, and from 100.
+// Rows: level 2 below 25 texels, below 36 and from 36; level 3 below 25, below 36 (5x5 and
+// 6x5, where the polish of every refined mode costs a fifth more time for +0.02 dB, too much
+// beside -thorough's speed there), below 100, and from 100.
 int highEffortFor(int level, int area) {
-    if (level < 3) return area < kLargeFootprintArea ? 0 : 1;
-    return area < kLargeFootprintArea ? 2 : area < kFourPartitionArea ? 3 : area < kWidestFootprintArea ? 4 : 5;
+    if (level < 3) return area < kLargeFootprintArea ? 0 : area < kFourPartitionArea ? 1 : 2;
+    return area < kLargeFootprintArea ? 3 : area < kFourPartitionArea ? 4 : area < kWidestFootprintArea ? 5 : 6;
 }
 
 // Partitioned fits per candidate pattern. Larger footprints have more modes to choose from,
 // the estimate that ranks them misses more often, and they have time to spare: level 2 fits
-// 16 from 5x5 (against 4: +0.08 dB at 5x5 and at 6x6) and 32 from 8x8 (+0.1 dB), level 3 64
-// from 8x8.
+// 16 from 6x6 (against 4: +0.08 dB at 5x5 and at 6x6) and 32 from 8x8 (+0.1 dB), level 3 64
+// from 8x8; below that the effort row decides.
 int partitionFitsFor(int level, int area, const HighEffort& effort) {
-    if (level == 3) return area >= 64 ? 64 : effort.partitionFits;
-    return area >= 64 ? 32 : area >= kLargeFootprintArea ? 16 : effort.partitionFits;
+    return area >= 64 ? (level == 3 ? 64 : 32) : effort.partitionFits;
 }
 
-// Single-plane fits: level 3 fits every mode from 6x6 up; level 2 the best 12 from 5x5 and 24
-// from 6x6 (+0.02 and +0.05 dB there).
+// Single-plane fits: level 3 fits every mode from 6x6 up; elsewhere the effort row decides
+// (level 2 fits 24 from 6x6: +0.05 dB there).
 int singleFitsFor(int level, int area, const HighEffort& effort) {
-    if (level == 3) return area >= kFourPartitionArea ? 0 : effort.singleFits;
-    return area >= kFourPartitionArea ? kLevel2WideFits : area >= kLargeFootprintArea ? 12 : effort.singleFits;
+    return level == 3 && area >= kFourPartitionArea ? 0 : effort.singleFits;
 }
 
 AstcSearchSettings highSettings(bool hasAlpha, int fullFits, const HighEffort& effort, int refinedModes) {
@@ -110,11 +112,11 @@ astc_cpu_high::astc_cpu_high(const AstcEncoderInput& input, int level)
     // Level 3 ranks every two-partition pattern where that is affordable, and has the time for
     // a longer shortlist elsewhere (+0.02 dB at 5x5, +0.03 at 8x8, +0.04 at 10x10).
     m_ranking.everyPattern = m_level == 3;
-    // Level 2 at 4x4 shortlists 64 two-partition patterns (+0.02 dB for 4% more time); level 3
-    // ranks every two-partition pattern where that is affordable, and has the time for a
-    // longer shortlist elsewhere (+0.02 dB at 5x5, +0.03 at 8x8, +0.04 at 10x10).
+    // Level 2 at 4x4 shortlists 48 two-partition patterns (+0.02 dB against 32; 64 gain no
+    // more); level 3 ranks every two-partition pattern where that is affordable, and has the
+    // time for a longer shortlist elsewhere (+0.02 dB at 5x5, +0.03 at 8x8, +0.04 at 10x10).
     if (m_level == 3) m_ranking.twoPartitionShortlist = area >= kWidestFootprintArea ? 128 : area >= kLargeFootprintArea ? 64 : 32;
-    else if (area < kLargeFootprintArea) m_ranking.twoPartitionShortlist = 64;
+    else if (area < kLargeFootprintArea) m_ranking.twoPartitionShortlist = 48;
     m_thresholds[0] = (area * 0.001) * (area * 0.001);
     m_thresholds[1] = (area * 0.008) * (area * 0.008);
 }

@@ -1,9 +1,12 @@
 #include "astc/endpoint_encoding.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 
 #include "astc/colour_quantization.h"
 #include "astc/endpoint_decoding.h"
+#include "astc/integer_sequence.h"
 #include "astc/quantization_tables.h"
 
 namespace glyptora_astc {
@@ -20,6 +23,13 @@ float luminance(const float v[4], const float w[4]) {
 }
 
 float sum3(const float v[4]) { return v[0] + v[1] + v[2]; }
+
+// Floor and ceiling without the library calls, for values well inside the int range.
+int floorInt(float t) { return int(t) - (t < float(int(t)) ? 1 : 0); }
+int ceilInt(float t) { return int(t) + (t > float(int(t)) ? 1 : 0); }
+// Floor and ceiling clamped to 0..255 (NaN to 0).
+int floorByte(float t) { return t > 0.0f ? (t < 255.0f ? int(t) : 255) : 0; }
+int ceilByte(float t) { return t > 0.0f ? (t < 255.0f ? ceilInt(t) : 255) : 0; }
 
 // Value `target` (0..255) of a base-plus-offset pair whose decoder drops bit 0: the stored
 // value that keeps bits 7..1, trying both settings of bit 0.
@@ -40,10 +50,6 @@ void encodeBaseOffset(int range, int base, int offset, uint8_t& first, uint8_t& 
 // The pair of levels around targets t0, t1 (one around each) that the quadratic a d0^2 +
 // 2 b d0 d1 + c d1^2 of the differences rates best; the first of equal ones.
 void bestLevelPair(int range, float t0, float t1, float a, float b, float c, uint8_t& v0, uint8_t& v1) {
-    const auto floorByte = [](float t) { return t > 0.0f ? (t < 255.0f ? int(t) : 255) : 0; };
-    const auto ceilByte = [](float t) {
-        return t > 0.0f ? (t < 255.0f ? int(t) + (float(int(t)) < t ? 1 : 0) : 255) : 0;
-    };
     const uint8_t first[2] = {astcColourLevelBelow(range, floorByte(t0)), astcColourLevelAbove(range, ceilByte(t0))};
     const uint8_t second[2] = {astcColourLevelBelow(range, floorByte(t1)), astcColourLevelAbove(range, ceilByte(t1))};
     float best = 3.4e38f;
@@ -54,6 +60,132 @@ void bestLevelPair(int range, float t0, float t1, float a, float b, float c, uin
             const float e = a * d0 * d0 + 2.0f * b * d0 * d1 + c * d1 * d1;
             if (e < best) best = e, v0 = first[i], v1 = second[j];
         }
+    }
+}
+
+// From this colour range (128 levels) up, every base and offset a pair can decode to is the
+// nearest one: the error model has nothing to choose.
+constexpr int kExactOffsetRange = 17;
+
+// The signed offsets (-32..31) a base-plus-offset pair of one colour range can store under
+// each top bit of the base: per offset, the stored second value of the nearest offset at or
+// below it and at or above it (kNoLevel when there is none).
+constexpr uint8_t kNoLevel = 0xFF;
+struct OffsetLevels {
+    uint8_t below[2][64], above[2][64];
+};
+
+const OffsetLevels& offsetLevels(int range) {
+    static const std::array<OffsetLevels, kAstcRangeCount> tables = [] {
+        std::array<OffsetLevels, kAstcRangeCount> t;
+        for (int r = 0; r < kAstcRangeCount; ++r) {
+            int offsetOf[2][64];  // per top bit and offset + 32: the stored value, -1 when none
+            for (auto& top : offsetOf)
+                for (int& o : top) o = -1;
+            for (int v = 0; v < astcRangeLevels(r); ++v) {
+                const int u = astcColourUnquant(r, v), bits = (u >> 1) & 0x3F;
+                offsetOf[u >> 7][(bits & 0x20 ? bits - 0x40 : bits) + 32] = v;
+            }
+            for (int top = 0; top < 2; ++top) {
+                int below = kNoLevel, above = kNoLevel;
+                for (int o = 0; o < 64; ++o) {
+                    if (offsetOf[top][o] >= 0) below = offsetOf[top][o];
+                    if (offsetOf[top][63 - o] >= 0) above = offsetOf[top][63 - o];
+                    t[r].below[top][o] = uint8_t(below);
+                    t[r].above[top][63 - o] = uint8_t(above);
+                }
+            }
+        }
+        return t;
+    }();
+    return tables[range];
+}
+
+// Base-plus-offset values chosen per channel among the decodable bases around the darker
+// fitted endpoint and the offsets around the rest, by the error model (`a` for the base, `c`
+// for the other endpoint). False when the chosen offsets would sum below zero, which the
+// decoder reads as the blue-contracted form.
+bool encodeBaseOffsetModelled(int range, int channels, const float base[4], const float other[4], const float a[4],
+                              const float b[4], const float c[4], uint8_t* v) {
+    const OffsetLevels& offsets = offsetLevels(range);
+    int offsetSum = 0;
+    for (int ch = 0; ch < channels; ++ch) {
+        if (!(base[ch] >= 0.0f && base[ch] <= 255.0f && other[ch] >= 0.0f && other[ch] <= 255.0f)) return false;
+        float best = 3.4e38f;
+        int bestOffset = 0;
+        // For a base that misses its target by d0 the model's best other endpoint misses by
+        // -b d0 / c: of the offsets around that, the nearer one is the better.
+        const float follow = c[ch] > 0.0f ? b[ch] / c[ch] : 0.0f;
+        // The base keeps bits 7..1 of the first value under the top bit of the second; a top
+        // bit far from the target's cannot win.
+        for (int top = base[ch] < 132.0f ? 0 : 1; top < (base[ch] < 124.0f ? 1 : 2); ++top) {
+            const float x = std::clamp(base[ch] - float(top << 7), 0.0f, 127.0f);
+            const uint8_t firsts[2] = {astcColourLevelBelow(range, 2 * int(x) + 1),
+                                       astcColourLevelAbove(range, 2 * ceilInt(x))};
+            for (int i = 0; i < 2; ++i) {
+                const int e0 = (astcColourUnquant(range, firsts[i]) >> 1) | (top << 7);
+                const float d0 = float(e0) - base[ch];
+                const float target = std::clamp(other[ch] - follow * d0 - float(e0), -32.0f, 31.0f);
+                const uint8_t below = offsets.below[top][floorInt(target) + 32];
+                const uint8_t above = offsets.above[top][ceilInt(target) + 32];
+                const auto offsetOf = [&](uint8_t level) {
+                    const int bits = (astcColourUnquant(range, level) >> 1) & 0x3F;
+                    return bits & 0x20 ? bits - 0x40 : bits;
+                };
+                const int lower = below != kNoLevel ? offsetOf(below) : -64;
+                const int upper = above != kNoLevel ? offsetOf(above) : 64;
+                const bool up = float(upper) - target < target - float(lower);
+                const int offset = up ? upper : lower;
+                const float d1 = float(std::clamp(e0 + offset, 0, 255)) - other[ch];
+                const float e = a[ch] * d0 * d0 + 2.0f * b[ch] * d0 * d1 + c[ch] * d1 * d1;
+                if (e < best) best = e, v[2 * ch] = firsts[i], v[2 * ch + 1] = up ? above : below, bestOffset = offset;
+            }
+        }
+        if (ch < 3) offsetSum += bestOffset;
+    }
+    return offsetSum >= 0;
+}
+
+// Base-plus-scale values (the base the brighter endpoint, the darker one the base scaled by
+// s / 256) chosen by the error model (`a` for the darker endpoint, `c` for the base): each
+// base channel takes the level around its fitted value that the model rates best with the
+// darker endpoint at the fitted scale, then the scale takes the better of the two levels
+// around the best scale for those bases.
+void encodeBaseScaleModelled(int range, const float dark[4], const float bright[4], const float a[4],
+                             const float b[4], const float c[4], uint8_t* v) {
+    float num = 0.0f, den = 0.0f;
+    for (int ch = 0; ch < 3; ++ch) num += a[ch] * bright[ch] * dark[ch], den += a[ch] * bright[ch] * bright[ch];
+    const float fitted = den > 0.0f ? num / den : 1.0f;  // scale as a fraction
+    int base[3];
+    float db[3];
+    num = den = 0.0f;
+    for (int ch = 0; ch < 3; ++ch) {
+        const uint8_t levels[2] = {astcColourLevelBelow(range, floorByte(bright[ch])),
+                                   astcColourLevelAbove(range, ceilByte(bright[ch]))};
+        float best = 3.4e38f;
+        for (int k = 0; k < 2; ++k) {
+            const float level = float(astcColourUnquant(range, levels[k]));
+            const float d1 = level - bright[ch], d0 = level * fitted - dark[ch];
+            const float e = a[ch] * d0 * d0 + 2.0f * b[ch] * d0 * d1 + c[ch] * d1 * d1;
+            if (e < best) best = e, v[ch] = levels[k], base[ch] = int(level), db[ch] = d1;
+        }
+        // Least squares of the darker endpoint with the base's deviation carried over.
+        const float target = dark[ch] - (a[ch] > 0.0f ? b[ch] * db[ch] / a[ch] : 0.0f);
+        num += a[ch] * float(base[ch]) * target;
+        den += a[ch] * float(base[ch]) * float(base[ch]);
+    }
+    const float scale = den > 0.0f ? 256.0f * num / den : 255.0f;
+    const uint8_t scales[2] = {astcColourLevelBelow(range, floorByte(scale)),
+                               astcColourLevelAbove(range, ceilByte(scale))};
+    float best = 3.4e38f;
+    for (int k = 0; k < 2; ++k) {
+        const int s = astcColourUnquant(range, scales[k]);
+        float e = 0.0f;
+        for (int ch = 0; ch < 3; ++ch) {
+            const float dd = float((base[ch] * s) >> 8) - dark[ch];
+            e += a[ch] * dd * dd + 2.0f * b[ch] * dd * db[ch] + c[ch] * db[ch] * db[ch];
+        }
+        if (e < best) best = e, v[3] = scales[k];
     }
 }
 
@@ -118,6 +250,13 @@ void astcEncodeEndpoints(int cem, int range, const float lo[4], const float hi[4
             out.invert = sum3(lo) > sum3(hi);
             const float* bright = out.invert ? lo : hi;
             const float* dark = out.invert ? hi : lo;
+            if (model) {
+                const float* ma = out.invert ? model->c : model->a;
+                const float* mc = out.invert ? model->a : model->c;
+                encodeBaseScaleModelled(range, dark, bright, ma, model->b, mc, v);
+                if (cem == 10) bestLevelPair(range, dark[3], bright[3], ma[3], model->b[3], mc[3], v[4], v[5]);
+                break;
+            }
             for (int c = 0; c < 3; ++c) v[c] = q(bright[c]);
             float dot = 0.0f, norm = 0.0f;
             for (int c = 0; c < 3; ++c) {
@@ -138,6 +277,14 @@ void astcEncodeEndpoints(int cem, int range, const float lo[4], const float hi[4
             out.invert = a[0] + a[1] + a[2] > b[0] + b[1] + b[2];
             const int* base = out.invert ? b : a;
             const int* other = out.invert ? a : b;
+            if (model && range < kExactOffsetRange) {
+                // The error model rates the endpoints as fitted: the base is `hi` when inverted.
+                const float* fb = out.invert ? hi : lo;
+                const float* fo = out.invert ? lo : hi;
+                const float* ma = out.invert ? model->c : model->a;
+                const float* mc = out.invert ? model->a : model->c;
+                if (encodeBaseOffsetModelled(range, cem == 13 ? 4 : 3, fb, fo, ma, model->b, mc, v)) break;
+            }
             for (int c = 0; c < 4; ++c) encodeBaseOffset(range, base[c], other[c] - base[c], v[2 * c], v[2 * c + 1]);
             break;
         }

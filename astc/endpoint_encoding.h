@@ -13,9 +13,11 @@ struct AstcEncodedEndpoints {
 };
 
 // How the block's error grows when the endpoints of channel c move by d0, d1 (8-bit units)
-// from the fitted ones: a[c] d0^2 + 2 b[c] d0 d1 + c[c] d1^2. With it the direct and
-// luminance modes pick, per channel, the best of the levels around each fitted value instead
-// of the nearest.
+// from the fitted ones: a[c] d0^2 + 2 b[c] d0 d1 + c[c] d1^2. With it every mode picks, per
+// channel, the best of the levels around each fitted value instead of the nearest: direct and
+// luminance values, base-plus-offset bases and offsets, base-plus-scale bases and the scale.
+// On low-contrast blocks, where an endpoint step is a large part of the colour range, this
+// gains most (+0.05 to +0.1 dB at ASTC levels 2 and 3).
 struct AstcEndpointErrorModel {
     float a[4], b[4], c[4];
 };
