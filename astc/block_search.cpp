@@ -310,8 +310,16 @@ void AstcBlockSearch::search(const std::vector<AstcModeGroup>& groups, int chann
     const auto fitMode = [&](const AstcModeInfo& info, const AstcGridInfill& grid, const float* g1, const float* g2) {
         AstcSearchResult result;
         result.error = kept.admission(best.error, settings);
-        if (!tryMode(info, grid, g1, g2, channel, settings, result, trial)) return;
-        kept.add(result, &info, &grid);
+        if (tryMode(info, grid, g1, g2, channel, settings, result, trial)) kept.add(result, &info, &grid);
+        if (settings.lowLevelStretch == 1.0f || channel >= 0 ||
+            astcRangeLevels(info.mode.weightRange) > kAstcStretchedStartLevels)
+            return;
+        float stretched[64];
+        for (int i = 0; i < grid.points; ++i)
+            stretched[i] = std::clamp((g1[i] - 0.5f) * settings.lowLevelStretch + 0.5f, 0.0f, 1.0f);
+        AstcSearchResult second;
+        second.error = kept.admission(best.error, settings);
+        if (tryMode(info, grid, stretched, g2, channel, settings, second, trial)) kept.add(second, &info, &grid);
     };
     size_t total = 0;
     for (const AstcModeGroup& group : groups) total += group.modes.size();

@@ -34,9 +34,16 @@ struct AstcSearchSettings {
     // Modes fitted in full: the others are ranked by an error estimate and only this many of
     // the best estimated go on; 0 fits every mode.
     int fullFits = 0;
+    // Modes of at most kAstcStretchedStartLevels weight levels also start from the ideal weights
+    // stretched about their middle by this factor (1: not): with few levels, endpoints a little
+    // inside the extreme texels often fit better than endpoints on them. Single plane only.
+    float lowLevelStretch = 1.0f;
     bool chooseLevels = false;     // endpoint levels chosen by the error model, not the nearest
     bool blueContraction = false;  // the direct modes also try their blue-contracted form
 };
+
+// Weight ranges of at most this many levels get the stretched start of lowLevelStretch.
+inline constexpr int kAstcStretchedStartLevels = 5;
 
 // Endpoint modes of the searches: luminance, RGB base plus scale, RGB direct, RGB base plus
 // offset; with alpha their counterparts with alpha.
