@@ -36,38 +36,39 @@ constexpr float kLowLevelStretch = 1.2f;
 // 4x4 refines one (-0.02 dB for a tenth less time), at 5x5 and 6x5 two partitioned and one
 // single-plane fit out of 8 fits each (-0.03 dB for a fifth less time); level 3 at 4x4 fits
 // 6 partitioned modes and refines one (-0.04 dB for a fifth less time), at 5x5 and 6x5 fits
-// 24 and refines two (same PSNR, a tenth less time).
+// 24 and refines two (same PSNR, a tenth less time). Level 2 at 6x6 to 8x6 fits 16
+// single-plane and 12 partitioned modes (-0.02 dB for a tenth less time).
 struct HighEffort {
     int singleFits, partitionFits, dualFits, refineRounds;
     int refinedSingle, refinedPartitioned, refinedDual;
     double refineSlack;
     bool polishEveryRefined;
 };
-constexpr HighEffort kHighEffort[7] = {
-    {4, 4, 2, 1, 2, 1, 2, 1.15, false},    {8, 8, 2, 1, 1, 2, 2, 1.2, false},   {24, 16, 2, 2, 2, 3, 2, 1.2, false},
-    {8, 6, 6, 3, 2, 1, 2, 1.15, false},    {8, 24, 32, 3, 3, 2, 3, 1.25, false}, {8, 32, 32, 3, 4, 4, 4, 1.35, true},
-    {8, 32, 32, 3, 8, 8, 8, 1.5, true}};
+constexpr HighEffort kHighEffort[8] = {
+    {4, 4, 2, 1, 2, 1, 2, 1.15, false},   {8, 8, 2, 1, 1, 2, 2, 1.2, false},    {16, 12, 2, 2, 2, 3, 2, 1.2, false},
+    {24, 32, 2, 2, 2, 3, 2, 1.2, false},  {8, 6, 6, 3, 2, 1, 2, 1.15, false},   {8, 24, 32, 3, 3, 2, 3, 1.25, false},
+    {8, 32, 32, 3, 4, 4, 4, 1.35, true},  {8, 32, 32, 3, 8, 8, 8, 1.5, true}};
 constexpr int kLargeFootprintArea = 25;
 constexpr int kWidestFootprintArea = 100;
 
-// Rows: level 2 below 25 texels, below 36 and from 36; level 3 below 25, below 36 (5x5 and
-// 6x5, where the polish of every refined mode costs a fifth more time for +0.02 dB, too much
-// beside -thorough's speed there), below 100, and from 100.
+// Rows: level 2 below 25 texels, below 36, below 64 and from 64; level 3 below 25, below 36
+// (5x5 and 6x5, where the polish of every refined mode costs a fifth more time for +0.02 dB,
+// too much beside -thorough's speed there), below 100, and from 100.
 int highEffortFor(int level, int area) {
-    if (level < 3) return area < kLargeFootprintArea ? 0 : area < kFourPartitionArea ? 1 : 2;
-    return area < kLargeFootprintArea ? 3 : area < kFourPartitionArea ? 4 : area < kWidestFootprintArea ? 5 : 6;
+    if (level < 3) return area < kLargeFootprintArea ? 0 : area < kFourPartitionArea ? 1 : area < 64 ? 2 : 3;
+    return area < kLargeFootprintArea ? 4 : area < kFourPartitionArea ? 5 : area < kWidestFootprintArea ? 6 : 7;
 }
 
 // Partitioned fits per candidate pattern. Larger footprints have more modes to choose from,
 // the estimate that ranks them misses more often, and they have time to spare: level 2 fits
-// 16 from 6x6 (against 4: +0.08 dB at 5x5 and at 6x6) and 32 from 8x8 (+0.1 dB), level 3 64
-// from 8x8; below that the effort row decides.
+// 32 from 8x8 (+0.1 dB against 16), level 3 64; below that the effort row decides (more than
+// 4 gave +0.08 dB at 5x5 and 6x6).
 int partitionFitsFor(int level, int area, const HighEffort& effort) {
     return area >= 64 ? (level == 3 ? 64 : 32) : effort.partitionFits;
 }
 
 // Single-plane fits: level 3 fits every mode from 6x6 up; elsewhere the effort row decides
-// (level 2 fits 24 from 6x6: +0.05 dB there).
+// (level 2 fits 24 from 8x8: +0.05 dB there).
 int singleFitsFor(int level, int area, const HighEffort& effort) {
     return level == 3 && area >= kFourPartitionArea ? 0 : effort.singleFits;
 }
