@@ -21,6 +21,8 @@ constexpr int kFourPartitionArea = 36;
 constexpr int kTwoPartitionDualPlaneArea = 20;
 constexpr int kReferenceGridSide = 5;
 constexpr int kReferenceGridArea = 50;
+// From 64 texels (8x8) up the searches fit the widest sets of partitioned modes.
+constexpr int kWideFitsArea = 64;
 constexpr float kLowLevelStretch = 1.2f;
 
 // Full fits per search, weight refits of each refined mode, and how many of the best first fits
@@ -55,7 +57,7 @@ constexpr int kWidestFootprintArea = 100;
 // (5x5 and 6x5, where the polish of every refined mode costs a fifth more time for +0.02 dB,
 // too much beside -thorough's speed there), below 100, and from 100.
 int highEffortFor(int level, int area) {
-    if (level < 3) return area < kLargeFootprintArea ? 0 : area < kFourPartitionArea ? 1 : area < 64 ? 2 : 3;
+    if (level < 3) return area < kLargeFootprintArea ? 0 : area < kFourPartitionArea ? 1 : area < kWideFitsArea ? 2 : 3;
     return area < kLargeFootprintArea ? 4 : area < kFourPartitionArea ? 5 : area < kWidestFootprintArea ? 6 : 7;
 }
 
@@ -64,7 +66,7 @@ int highEffortFor(int level, int area) {
 // 32 from 8x8 (+0.1 dB against 16), level 3 64; below that the effort row decides (more than
 // 4 gave +0.08 dB at 5x5 and 6x6).
 int partitionFitsFor(int level, int area, const HighEffort& effort) {
-    return area >= 64 ? (level == 3 ? 64 : 32) : effort.partitionFits;
+    return area >= kWideFitsArea ? (level == 3 ? 64 : 32) : effort.partitionFits;
 }
 
 // Single-plane fits: level 3 fits every mode from 6x6 up; elsewhere the effort row decides
@@ -144,19 +146,17 @@ void astc_cpu_high::singlePlanePass() {
     const HighEffort& effort = kHighEffort[m_effort];
     // The ranking misses more often on large footprints, and they have time to spare.
     const int fits = singleFitsFor(m_level, in.blockWidth * in.blockHeight, effort);
-    AstcSearchSettings settings = highSettings(false, fits, effort, effort.refinedSingle);
     // From 6x6 up, modes of few weight levels also start from stretched weights: +0.02 to
     // +0.03 dB at level 2, +0.01 to +0.02 at level 3, for about 3% more time (none below).
-    if (in.blockWidth * in.blockHeight >= kFourPartitionArea) settings.lowLevelStretch = kLowLevelStretch;
+    const float stretch = in.blockWidth * in.blockHeight >= kFourPartitionArea ? kLowLevelStretch : 1.0f;
     astcForBlocks(in, astc_cpu_level1::blocksWithError(m_context, false),
                   [&](uint32_t block, const AstcBlockTexels& texels) {
                       AstcBlockState& state = m_context.states[block];
                       AstcSearchResult result;
                       result.error = state.bestError;
-                      AstcSearchSettings blockSettings = settings;
-                      blockSettings.endpointModes =
-                          texels.hasAlpha ? kAstcAlphaEndpointModes : kAstcOpaqueEndpointModes;
-                      AstcBlockSearch(texels, in.weights, in.inverseWeights).singlePlane(groups, blockSettings, result);
+                      AstcSearchSettings settings = highSettings(texels.hasAlpha, fits, effort, effort.refinedSingle);
+                      settings.lowLevelStretch = stretch;
+                      AstcBlockSearch(texels, in.weights, in.inverseWeights).singlePlane(groups, settings, result);
                       astcKeepIfBetter(state, result);
                   });
 }
