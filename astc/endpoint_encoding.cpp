@@ -31,6 +31,12 @@ int ceilInt(float t) { return int(t) + (t > float(int(t)) ? 1 : 0); }
 int floorByte(float t) { return t > 0.0f ? (t < 255.0f ? int(t) : 255) : 0; }
 int ceilByte(float t) { return t > 0.0f ? (t < 255.0f ? ceilInt(t) : 255) : 0; }
 
+// The stored values of the levels at or below and at or above `target` (0..255).
+void levelsAround(int range, float target, uint8_t out[2]) {
+    out[0] = astcColourLevelBelow(range, floorByte(target));
+    out[1] = astcColourLevelAbove(range, ceilByte(target));
+}
+
 // Value `target` (0..255) of a base-plus-offset pair whose decoder drops bit 0: the stored
 // value that keeps bits 7..1, trying both settings of bit 0.
 uint8_t quantizeDroppingLowBit(int range, int target) {
@@ -50,8 +56,9 @@ void encodeBaseOffset(int range, int base, int offset, uint8_t& first, uint8_t& 
 // The pair of levels around targets t0, t1 (one around each) that the quadratic a d0^2 +
 // 2 b d0 d1 + c d1^2 of the differences rates best; the first of equal ones.
 void bestLevelPair(int range, float t0, float t1, float a, float b, float c, uint8_t& v0, uint8_t& v1) {
-    const uint8_t first[2] = {astcColourLevelBelow(range, floorByte(t0)), astcColourLevelAbove(range, ceilByte(t0))};
-    const uint8_t second[2] = {astcColourLevelBelow(range, floorByte(t1)), astcColourLevelAbove(range, ceilByte(t1))};
+    uint8_t first[2], second[2];
+    levelsAround(range, t0, first);
+    levelsAround(range, t1, second);
     float best = 3.4e38f;
     for (int i = 0; i < 2; ++i) {
         const float d0 = float(astcColourUnquant(range, first[i])) - t0;
@@ -160,8 +167,8 @@ void encodeBaseScaleModelled(int range, const float dark[4], const float bright[
     float db[3];
     num = den = 0.0f;
     for (int ch = 0; ch < 3; ++ch) {
-        const uint8_t levels[2] = {astcColourLevelBelow(range, floorByte(bright[ch])),
-                                   astcColourLevelAbove(range, ceilByte(bright[ch]))};
+        uint8_t levels[2];
+        levelsAround(range, bright[ch], levels);
         float best = 3.4e38f;
         for (int k = 0; k < 2; ++k) {
             const float level = float(astcColourUnquant(range, levels[k]));
@@ -175,8 +182,8 @@ void encodeBaseScaleModelled(int range, const float dark[4], const float bright[
         den += a[ch] * float(base[ch]) * float(base[ch]);
     }
     const float scale = den > 0.0f ? 256.0f * num / den : 255.0f;
-    const uint8_t scales[2] = {astcColourLevelBelow(range, floorByte(scale)),
-                               astcColourLevelAbove(range, ceilByte(scale))};
+    uint8_t scales[2];
+    levelsAround(range, scale, scales);
     float best = 3.4e38f;
     for (int k = 0; k < 2; ++k) {
         const int s = astcColourUnquant(range, scales[k]);
