@@ -1,9 +1,12 @@
 #pragma once
 // The block modes one search pass tries, grouped by weight grid so that each grid is
 // fitted once per block and then quantised to each of its ranges.
+#include <array>
+#include <cstdint>
 #include <vector>
 
 #include "astc/block_mode_table.h"
+#include "astc/colour_range_lookup.h"
 #include "astc/infill_database.h"
 #include "astc/integer_sequence.h"
 
@@ -18,6 +21,9 @@ struct AstcModeGroup {
     // block without and with alpha (the direct endpoint mode; huge when it does not fit).
     std::vector<float> weightNoise;
     std::vector<float> colourNoise[2];
+    // Per mode, the colour range left to 1 to 4 partitions that share an endpoint mode of each
+    // class (cem / 4: 2, 4, 6 or 8 values), at [partitions - 1][class]; -1 when none fits.
+    std::vector<std::array<int8_t, 16>> sharedRange;
 };
 
 // Adds a mode of error estimate `estimate` to the sorted short list of the `keep` lowest
@@ -51,6 +57,12 @@ inline std::vector<AstcModeGroup> astcGroupModes(const std::vector<AstcModeInfo>
         group->modes.push_back(m);
         const float step = 1.0f / float(astcRangeLevels(m.mode.weightRange) - 1);
         group->weightNoise.push_back(grid->noiseGain * step * step / 12.0f);
+        std::array<int8_t, 16> shared;
+        for (int partitions = 1; partitions <= 4; ++partitions)
+            for (int values = 2; values <= 8; values += 2)
+                shared[size_t(4 * (partitions - 1) + values / 2 - 1)] = int8_t(
+                    astcColourRangeLookup(partitions, 0, m.mode.dualPlane, m.weightBits, partitions * values));
+        group->sharedRange.push_back(shared);
         for (int alpha = 0; alpha < 2; ++alpha) {
             // Endpoint errors of variance step^2 / 12 at both ends reach a texel with about
             // 2/3 of their sum.

@@ -1,6 +1,7 @@
 #include "astc/partition_search.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 
@@ -22,10 +23,14 @@ namespace {
 constexpr int kMaxKeep = 64;
 constexpr int kMaxEndpointModes = 4;
 
-// Colour range that `partitions` pairs of endpoint mode `cem` get beside the weights.
-int partitionedColourRange(const AstcModeInfo& info, int partitions, int cem) {
-    return astcColourRangeLookup(partitions, 0, info.mode.dualPlane, info.weightBits,
-                                 partitions * astcEndpointValueCount(cem));
+// One step of each colour range, as a fraction of the whole.
+const std::array<float, kAstcRangeCount>& colourSteps() {
+    static const std::array<float, kAstcRangeCount> steps = [] {
+        std::array<float, kAstcRangeCount> s{};
+        for (int r = 0; r < kAstcRangeCount; ++r) s[size_t(r)] = 1.0f / float(astcRangeLevels(r) - 1);
+        return s;
+    }();
+    return steps;
 }
 
 }  // namespace
@@ -312,6 +317,7 @@ int AstcPartitionSearch::selectByEstimate(const std::vector<AstcModeGroup>& grou
             richest[richCount++] = settings.endpointModes[k];
     std::stable_sort(richest, richest + richCount,
                      [](uint8_t a, uint8_t b) { return astcEndpointValueCount(a) > astcEndpointValueCount(b); });
+    const std::array<float, kAstcRangeCount>& steps = colourSteps();
     float kept[kMaxKeep];
     int count = 0;
     for (const AstcModeGroup& group : groups) {
@@ -321,11 +327,11 @@ int AstcPartitionSearch::selectByEstimate(const std::vector<AstcModeGroup>& grou
             lost += 2.0f * m_spanSquared[p] * spectrum[p].lostEnergy(grid.gridWidth, grid.gridHeight);
         for (size_t m = 0; m < group.modes.size(); ++m) {
             const AstcModeInfo& info = group.modes[m];
+            const int8_t* shared = group.sharedRange[m].data() + 4 * (m_count - 1);
             int range = -1;
-            for (int k = 0; k < richCount && range < 0; ++k)
-                range = partitionedColourRange(info, m_count, richest[k]);
+            for (int k = 0; k < richCount && range < 0; ++k) range = shared[richest[k] >> 2];
             if (range < 0) continue;
-            const float step = 1.0f / float(astcRangeLevels(range) - 1);
+            const float step = steps[size_t(range)];
             const float estimate = lost + spanNoise * group.weightNoise[m] + 0.3f * colourNoise * step * step / 18.0f;
             astcShortlistMode(estimate, &info, &grid, keep, kept, modes, grids, count);
         }

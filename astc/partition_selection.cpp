@@ -1,6 +1,7 @@
 #include "astc/partition_selection.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 #include "astc/dual_plane_choice.h"
@@ -16,10 +17,11 @@ using glyptora_simd::Vec4f;
 constexpr int kKMeansRounds = 4;
 constexpr int kMaxShortlist = 128;
 
-float distance2(const AstcBlockTexels& t, int i, const float* centre) {
-    float d = 0.0f;
+// Squared distances of texels i..i+3 to `centre`, channel by channel in order.
+Vec4f distance2(const AstcBlockTexels& t, int i, const float* centre) {
+    Vec4f d;
     for (int c = 0; c < 4; ++c) {
-        const float e = t.channel[c][i] - centre[c];
+        const Vec4f e = Vec4f::load(t.channel[c] + i) - Vec4f(centre[c]);
         d += e * e;
     }
     return d;
@@ -33,28 +35,35 @@ void clusterTexels(const AstcBlockTexels& t, int k, uint64_t clusters[5][kAstcTe
     for (int i = 0; i < t.texels; ++i)
         if (t.valid[i] != 0.0f)
             for (int c = 0; c < 4; ++c) mean[c] += t.channel[c][i] / float(t.validCount);
-    float nearest[kAstcMaxTexels];
-    for (int i = 0; i < t.texels; ++i) nearest[i] = distance2(t, i, mean);
+    alignas(16) float nearest[kAstcMaxTexels];
+    for (int i = 0; i < t.padded; i += 4) distance2(t, i, mean).store(nearest + i);
     for (int j = 0; j < k; ++j) {
         int far = -1;
         for (int i = 0; i < t.texels; ++i)
             if (t.valid[i] != 0.0f && (far < 0 || nearest[i] > nearest[far])) far = i;
         for (int c = 0; c < 4; ++c) centre[j][c] = t.channel[c][far];
-        for (int i = 0; i < t.texels; ++i)
-            nearest[i] = std::min(j == 0 ? 1e30f : nearest[i], distance2(t, i, centre[j]));
+        for (int i = 0; i < t.padded; i += 4) {
+            const Vec4f d = distance2(t, i, centre[j]);
+            (j == 0 ? d : glyptora_simd::min(Vec4f::load(nearest + i), d)).store(nearest + i);
+        }
     }
-    uint8_t label[kAstcMaxTexels] = {};
+    alignas(16) float label[kAstcMaxTexels] = {};
     for (int round = 0; round < kKMeansRounds; ++round) {
+        // The nearest centre of each texel, four texels at a time; the first of equals.
+        for (int i = 0; i < t.padded; i += 4) {
+            Vec4f bestD = distance2(t, i, centre[0]), best;
+            for (int j = 1; j < k; ++j) {
+                const Vec4f d = distance2(t, i, centre[j]);
+                const Vec4f closer = glyptora_simd::cmpLess(d, bestD);
+                bestD = glyptora_simd::select(closer, d, bestD);
+                best = glyptora_simd::select(closer, Vec4f(float(j)), best);
+            }
+            best.store(label + i);
+        }
         float sum[4][5] = {};
         for (int i = 0; i < t.texels; ++i) {
             if (t.valid[i] == 0.0f) continue;
-            int best = 0;
-            float bestD = distance2(t, i, centre[0]);
-            for (int j = 1; j < k; ++j) {
-                const float d = distance2(t, i, centre[j]);
-                if (d < bestD) bestD = d, best = j;
-            }
-            label[i] = uint8_t(best);
+            const int best = int(label[i]);
             for (int c = 0; c < 4; ++c) sum[best][c] += t.channel[c][i];
             sum[best][4] += 1.0f;
         }
@@ -66,7 +75,7 @@ void clusterTexels(const AstcBlockTexels& t, int k, uint64_t clusters[5][kAstcTe
         for (int w = 0; w < kAstcTexelWords; ++w) clusters[j][w] = 0;
     for (int i = 0; i < t.texels; ++i)
         if (t.valid[i] != 0.0f) {
-            clusters[label[i]][i >> 6] |= uint64_t(1) << (i & 63);
+            clusters[int(label[i])][i >> 6] |= uint64_t(1) << (i & 63);
             clusters[k][i >> 6] |= uint64_t(1) << (i & 63);
         }
 }
@@ -87,19 +96,47 @@ struct HardwareBitCount {
 
 // What the scan over the patterns compares them with: the clusters' texel sets (after them,
 // all valid texels), and the matchings of partitions to clusters.
+struct Matchings {
+    int count = 0;
+    uint8_t order[24][4];
+};
+
+// The matchings of k partitions to k clusters: the orders of 0..3 that leave k..3 in place.
+const Matchings& matchingsOf(int k) {
+    static const std::array<Matchings, 5> all = [] {
+        std::array<Matchings, 5> m{};
+        for (int parts = 0; parts <= 4; ++parts)
+            for (int q = 0; q < 24; ++q) {
+                uint8_t order[4], rest[4] = {0, 1, 2, 3};
+                for (int p = 0, code = q, left = 4; p < 4; ++p, --left) {
+                    const int pick = code % left;
+                    code /= left;
+                    order[p] = rest[pick];
+                    for (int j = pick; j + 1 < left; ++j) rest[j] = rest[j + 1];
+                }
+                bool fixed = true;
+                for (int p = parts; p < 4; ++p) fixed = fixed && order[p] == p;
+                if (fixed) std::copy(order, order + 4, m[size_t(parts)].order[m[size_t(parts)].count++]);
+            }
+        return m;
+    }();
+    return all[size_t(k)];
+}
+
 struct ClusterScan {
-    int k = 2, words = 1, permutationCount = 0;
+    int k = 2, words = 1;
     uint64_t clusters[5][kAstcTexelWords];
-    uint8_t permutations[24][4];
+    const Matchings* matchings = nullptr;
 };
 
 // The texels a matching of partitions to clusters keeps together, at the best matching;
 // shared[p][j] counts the texels of partition p in cluster j.
 [[gnu::always_inline]] inline int bestMatching(const int shared[4][4], const ClusterScan& scan) {
     int best = 0;
-    for (int q = 0; q < scan.permutationCount; ++q) {
+    const Matchings& m = *scan.matchings;
+    for (int q = 0; q < m.count; ++q) {
         int n = 0;
-        for (int p = 0; p < scan.k; ++p) n += shared[p][scan.permutations[q][p]];
+        for (int p = 0; p < scan.k; ++p) n += shared[p][m.order[q][p]];
         best = std::max(best, n);
     }
     return best;
@@ -152,11 +189,10 @@ constexpr int kMaxDistinctPatterns = 1024;
 
 // The `size` best of `count` integer scores (0..`top`), best first, earlier first among equals,
 // by a counting sort: the same list as inserting them one by one, without the shifting.
+// `histogram` counts the patterns of each score.
 template <typename PatternOf>
-int shortlistByCounting(const uint8_t* scores, int count, int top, int size, PatternOf&& patternOf,
-                        const AstcPartitionPattern** listed) {
-    int histogram[kAstcMaxTexels + 1] = {};
-    for (int j = 0; j < count; ++j) ++histogram[scores[j]];
+int shortlistByCounting(const uint8_t* scores, const int* histogram, int count, int top, int size,
+                        PatternOf&& patternOf, const AstcPartitionPattern** listed) {
     // The lowest score that makes the list, and where each score at or above it starts there.
     int threshold = top, taken = 0;
     while (threshold > 0 && taken + histogram[threshold] < size) taken += histogram[threshold--];
@@ -183,14 +219,20 @@ template <typename Count>
     const uint64_t c0 = scan.clusters[0][0], c1 = scan.clusters[1][0], c2 = scan.clusters[2][0];
     const uint64_t valid = scan.clusters[k][0];
     if (k == 2) {
+        // The clusters split the valid texels and the partitions the footprint, so the texels
+        // kept together are the valid ones on which the first partition and the first cluster
+        // agree, or under the other matching those on which they differ.
         const int all = Count::of(valid);
         uint8_t scores[kMaxDistinctPatterns];
+        int histogram[kAstcMaxTexels + 1] = {};
         for (int j = 0; j < patternCount; ++j, sets += 4) {
-            const int same = Count::of(sets[0] & c0) + Count::of(sets[1] & c1);
-            scores[j] = uint8_t(std::max(same, all - same));
+            const int differ = Count::of((sets[0] ^ c0) & valid);
+            const int score = std::max(differ, all - differ);
+            scores[j] = uint8_t(score);
+            ++histogram[score];
         }
-        return shortlistByCounting(scores, patternCount, all, size, [&](int j) { return &patterns[distinct[j]]; },
-                                   listed);
+        return shortlistByCounting(scores, histogram, patternCount, all, size,
+                                   [&](int j) { return &patterns[distinct[j]]; }, listed);
     }
     int score[kMaxShortlist], count = 0;
     for (int j = 0; j < patternCount; ++j, sets += 4) {
@@ -227,12 +269,16 @@ template <typename Count>
     const std::vector<uint16_t>& distinct = table.distinct(scan.k);
     if (scan.k == 2) {
         uint8_t scores[kMaxDistinctPatterns];
+        int histogram[kAstcMaxTexels + 1] = {};
         const int patternCount = int(distinct.size());
-        for (int j = 0; j < patternCount; ++j) scores[j] = uint8_t(agreement<Count>(patterns[distinct[j]], scan));
+        for (int j = 0; j < patternCount; ++j) {
+            scores[j] = uint8_t(agreement<Count>(patterns[distinct[j]], scan));
+            ++histogram[scores[j]];
+        }
         int all = 0;
         for (int w = 0; w < scan.words; ++w) all += Count::of(scan.clusters[2][w]);
-        return shortlistByCounting(scores, patternCount, all, size, [&](int j) { return &patterns[distinct[j]]; },
-                                   listed);
+        return shortlistByCounting(scores, histogram, patternCount, all, size,
+                                   [&](int j) { return &patterns[distinct[j]]; }, listed);
     }
     int score[kMaxShortlist], count = 0;
     for (const uint16_t index : distinct) {
@@ -589,19 +635,7 @@ int astcSelectPartitionings(const AstcBlockTexels& texels, const AstcPartitionTa
     const int k = scan.k = partitionCount;
     scan.words = (texels.texels + 63) / 64;
     clusterTexels(texels, k, scan.clusters);
-    // The matchings of partitions to clusters: the orders of 0..3 that leave k..3 in place.
-    for (int q = 0; q < 24; ++q) {
-        uint8_t order[4], rest[4] = {0, 1, 2, 3};
-        for (int p = 0, code = q, left = 4; p < 4; ++p, --left) {
-            const int pick = code % left;
-            code /= left;
-            order[p] = rest[pick];
-            for (int j = pick; j + 1 < left; ++j) rest[j] = rest[j + 1];
-        }
-        bool fixed = true;
-        for (int p = k; p < 4; ++p) fixed = fixed && order[p] == p;
-        if (fixed) std::copy(order, order + 4, scan.permutations[scan.permutationCount++]);
-    }
+    scan.matchings = &matchingsOf(k);
     const AstcPartitionPattern* listed[kMaxShortlist];
     // Two partitions: many patterns ranked by their residual; more partitions: fewer, since
     // agreeing with a clustering into more groups already says more.
