@@ -30,6 +30,27 @@ AstcGridInfill buildGrid(int bw, int bh, int gw, int gh) {
             }
         }
     g.noiseGain = float(gain / texels);
+    std::vector<std::vector<std::pair<uint8_t, uint8_t>>> reach(size_t(g.points));
+    for (int i = 0; i < texels; ++i) {
+        if (g.identity) {
+            reach[size_t(i)].push_back({uint8_t(i), uint8_t(16)});
+            continue;
+        }
+        for (int k = 0; k < 4; ++k) {
+            const int point = g.tapIndex[size_t(i) * 4 + k], factor = g.tapFactor[size_t(i) * 4 + k];
+            if (factor == 0) continue;
+            auto& list = reach[size_t(point)];
+            if (!list.empty() && list.back().first == i)
+                list.back().second = uint8_t(list.back().second + factor);
+            else
+                list.push_back({uint8_t(i), uint8_t(factor)});
+        }
+    }
+    g.reachStart.assign(1, 0);
+    for (const auto& list : reach) {
+        for (const auto& [texel, factor] : list) g.reachTexel.push_back(texel), g.reachFactor.push_back(factor);
+        g.reachStart.push_back(uint16_t(g.reachTexel.size()));
+    }
     const int padded = (texels + 3) & ~3;
     g.tapLanes.assign(size_t(padded) * 4, 0);
     g.factorLanes.assign(size_t(padded) * 4, 0.0f);

@@ -23,6 +23,11 @@ struct AstcGridInfill {
     // padding reads point 0 with factor 0): tapLanes[k * padded + i], factorLanes likewise.
     std::vector<int32_t> tapLanes;
     std::vector<float> factorLanes;
+    // The other way round: the texels each grid point reaches, in texel order, with the factor
+    // it reaches each by (taps of one point into one texel merged): those of point g at
+    // reachStart[g] .. reachStart[g + 1] - 1 of reachTexel and reachFactor.
+    std::vector<uint16_t> reachStart;
+    std::vector<uint8_t> reachTexel, reachFactor;
     // Least-squares fit: grid weights = fit x texel weights, stored texel by texel: for each
     // texel the factors of all grid points, `fitStride` floats (points padded to a multiple
     // of 4); empty until prepared.

@@ -81,29 +81,20 @@ float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& gri
             s.level[plane][g] = quantizer.levelOf(w);
         }
     // The texels each grid point reaches, with the factor it reaches each by.
-    uint8_t reach[64][kAstcMaxTexels], reachFactor[64][kAstcMaxTexels];
-    int reachCount[64] = {};
-    for (int t = 0; t < texels.texels; ++t) {
-        if (grid.identity) {
-            reachFactor[t][reachCount[t]] = 16;
-            reach[t][reachCount[t]++] = uint8_t(t);
-            continue;
-        }
-        for (int k = 0; k < 4; ++k) {
-            const int g = grid.tapIndex[t * 4 + k], factor = grid.tapFactor[t * 4 + k];
-            if (factor == 0) continue;
-            if (reachCount[g] > 0 && reach[g][reachCount[g] - 1] == t) {
-                reachFactor[g][reachCount[g] - 1] += uint8_t(factor);
-                continue;
-            }
-            reachFactor[g][reachCount[g]] = uint8_t(factor);
-            reach[g][reachCount[g]++] = uint8_t(t);
-        }
-    }
+    struct Reach {
+        const uint8_t *texel, *factor;
+        int count;
+    };
+    const auto reachOf = [&grid](int g) {
+        const int first = grid.reachStart[size_t(g)];
+        return Reach{grid.reachTexel.data() + first, grid.reachFactor.data() + first, grid.reachStart[size_t(g) + 1] - first};
+    };
     for (int plane = 0; plane < s.planes; ++plane) {
         for (int t = 0; t < texels.texels; ++t) s.infillSum[plane][t] = 8;
-        for (int g = 0; g < grid.points; ++g)
-            for (int r = 0; r < reachCount[g]; ++r) s.infillSum[plane][reach[g][r]] += s.gridWeight[plane][g] * reachFactor[g][r];
+        for (int g = 0; g < grid.points; ++g) {
+            const Reach reach = reachOf(g);
+            for (int r = 0; r < reach.count; ++r) s.infillSum[plane][reach.texel[r]] += s.gridWeight[plane][g] * reach.factor[r];
+        }
         for (int t = 0; t < texels.texels; ++t) s.texelWeight[plane][t] = s.infillSum[plane][t] >> 4;
     }
     // Each texel's error at its current weights, kept up to date as grid points move.
@@ -113,10 +104,25 @@ float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& gri
     float change = 0.0f;
     int trial[2][kAstcMaxTexels];        // per step: the reached texels' weights
     float trialError[2][kAstcMaxTexels];  // and their errors
+    // A grid point whose texels have not changed since it was last tried would find the same
+    // moves again, none of them better: moves are numbered, and each texel keeps the number
+    // of the last move that changed it and each grid point the number its last try saw.
+    int moves = 0;
+    int texelChanged[kAstcMaxTexels], tried[2][64];
+    for (int t = 0; t < texels.texels; ++t) texelChanged[t] = 0;
+    for (int plane = 0; plane < s.planes; ++plane)
+        for (int g = 0; g < grid.points; ++g) tried[plane][g] = -1;
     for (int round = 0; round < kRounds; ++round) {
         bool movedThisRound = false;
         for (int plane = 0; plane < s.planes; ++plane)
             for (int g = 0; g < grid.points; ++g) {
+                const Reach reach = reachOf(g);
+                if (tried[plane][g] >= 0) {
+                    bool changed = false;
+                    for (int r = 0; r < reach.count && !changed; ++r) changed = texelChanged[reach.texel[r]] > tried[plane][g];
+                    if (!changed) continue;
+                }
+                tried[plane][g] = moves;
                 const int current = s.level[plane][g];
                 float bestDelta = 0.0f;
                 int bestLevel = current, bestStep = 0;
@@ -125,9 +131,9 @@ float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& gri
                     if (k < 0 || k >= levels) continue;
                     const int shift = quantizer.levelWeight(k) - s.gridWeight[plane][g];
                     float delta = 0.0f;
-                    for (int r = 0; r < reachCount[g]; ++r) {
-                        const int t = reach[g][r];
-                        const int w = trial[step][r] = (s.infillSum[plane][t] + shift * reachFactor[g][r]) >> 4;
+                    for (int r = 0; r < reach.count; ++r) {
+                        const int t = reach.texel[r];
+                        const int w = trial[step][r] = (s.infillSum[plane][t] + shift * reach.factor[r]) >> 4;
                         const int other = s.planes == 2 ? s.texelWeight[1 - plane][t] : 0;
                         const float e = trialError[step][r] = s.error(t, plane == 0 ? w : other, plane == 0 ? other : w);
                         delta += e - texelError[t];
@@ -138,10 +144,13 @@ float astcPolishWeights(const AstcBlockTexels& texels, const AstcGridInfill& gri
                 const int moved = quantizer.levelWeight(bestLevel) - s.gridWeight[plane][g];
                 s.gridWeight[plane][g] += moved;
                 s.level[plane][g] = bestLevel;
-                for (int r = 0; r < reachCount[g]; ++r) {
-                    s.infillSum[plane][reach[g][r]] += moved * reachFactor[g][r];
-                    s.texelWeight[plane][reach[g][r]] = trial[bestStep][r];
-                    texelError[reach[g][r]] = trialError[bestStep][r];
+                ++moves;
+                for (int r = 0; r < reach.count; ++r) {
+                    const int t = reach.texel[r];
+                    texelChanged[t] = moves;
+                    s.infillSum[plane][t] += moved * reach.factor[r];
+                    s.texelWeight[plane][t] = trial[bestStep][r];
+                    texelError[t] = trialError[bestStep][r];
                 }
                 change += bestDelta;
                 movedThisRound = true;
