@@ -173,7 +173,22 @@ void astc_cpu_high::partitionPass(const std::vector<uint32_t>& blocks, int parti
         // Hard blocks (error above the second threshold) try the wider set of partitionings.
         const int width = wide && state.bestError > m_thresholds[1] ? m_widths[1] : m_widths[0];
         const AstcPartitionPattern* candidates[8];
-        const int count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates, m_ranking);
+        int count = 0;
+        if (partitions == 2 && !m_twoPartitionChoice.empty() && width <= TwoPartitionChoice::kMaxWidth) {
+            // The dual-plane pass reuses the choice of the same width (a ranking of another
+            // width need not agree with it on its first few: its bounds pass over others).
+            const std::vector<AstcPartitionPattern>& patterns = m_partitions.patterns(2);
+            TwoPartitionChoice& choice = m_twoPartitionChoice[block];
+            if (choice.width != width) {
+                choice.count = uint8_t(astcSelectPartitionings(texels, m_partitions, 2, width, candidates, m_ranking));
+                for (int k = 0; k < choice.count; ++k) choice.pattern[k] = uint16_t(candidates[k] - patterns.data());
+                choice.width = uint8_t(width);
+            }
+            count = choice.count;
+            for (int k = 0; k < count; ++k) candidates[k] = &patterns[choice.pattern[k]];
+        } else {
+            count = astcSelectPartitionings(texels, m_partitions, partitions, width, candidates, m_ranking);
+        }
         const AstcSearchSettings settings = highSettings(texels.hasAlpha, fits, effort, dualPlane ? effort.refinedDual : effort.refinedPartitioned);
         AstcSearchResult result;
         result.error = state.bestError;
@@ -216,6 +231,7 @@ void astc_cpu_high::encode() {
         astc_cpu_level1::EncodeConstBlock(m_context, block, texels);
     });
     singlePlanePass();
+    if (area < kTwoPartitionDualPlaneArea) m_twoPartitionChoice.resize(in.blockCount);
     partitionPass(blocksAboveThreshold(m_context, 0), 2, false, true,
                   passGroups(AstcPass::HighTwoPartitions, m_footprint, m_infill));
     // 6x6, 8x5 and 8x6 (36 to 49 texels) give hard blocks no wider search of three partitions:

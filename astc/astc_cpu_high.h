@@ -51,6 +51,16 @@ private:
     AstcPartitionRanking m_ranking;
     int m_widths[2];
     double m_thresholds[2];  // (A x 0.001)^2, (A x 0.008)^2
+    // Where a two-partition dual-plane pass follows (4x4), each block's two-partition
+    // candidates as the two-partition pass chose them, by their index in the pattern table,
+    // and the search width they were chosen for (0: none yet): the dual-plane pass asks the
+    // same question of the same texels.
+    struct TwoPartitionChoice {
+        static constexpr int kMaxWidth = 4;
+        uint16_t pattern[kMaxWidth];
+        uint8_t count = 0, width = 0;
+    };
+    std::vector<TwoPartitionChoice> m_twoPartitionChoice;
 };
 
 }  // namespace glyptora_astc
