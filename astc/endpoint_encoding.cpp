@@ -216,7 +216,7 @@ void astcEncodeEndpoints(int cem, int range, const float lo[4], const float hi[4
                     a += model->a[k] * w2, b += model->b[k] * w2, c += model->c[k] * w2;
                 }
                 bestLevelPair(range, l0, l1, a, b, c, v[0], v[1]);
-                bestLevelPair(range, lo[3], hi[3], model->a[3], model->b[3], model->c[3], v[2], v[3]);
+                if (cem == 4) bestLevelPair(range, lo[3], hi[3], model->a[3], model->b[3], model->c[3], v[2], v[3]);
             } else {
                 v[0] = q(l0);
                 v[1] = q(l1);

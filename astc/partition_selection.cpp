@@ -234,23 +234,16 @@ template <typename Count>
         return shortlistByCounting(scores, histogram, patternCount, all, size,
                                    [&](int j) { return &patterns[distinct[j]]; }, listed);
     }
-    // The last partition holds what the others leave of the footprint, so its shares are what
-    // the others leave of each cluster.
-    int clusterSize[4] = {};
-    for (int c = 0; c < k; ++c) clusterSize[c] = Count::of(scan.clusters[c][0]);
     int score[kMaxShortlist], count = 0;
     for (int j = 0; j < patternCount; ++j, sets += 4) {
         int shared[4][4];
-        int left[4] = {clusterSize[0], clusterSize[1], clusterSize[2], clusterSize[3]};
-        for (int p = 0; p + 1 < k; ++p) {
+        for (int p = 0; p < k; ++p) {
             const uint64_t m = sets[p];
             shared[p][0] = Count::of(m & c0);
             shared[p][1] = Count::of(m & c1);
             if (k == 4) shared[p][2] = Count::of(m & c2);
             shared[p][k - 1] = Count::of(m & valid) - shared[p][0] - shared[p][1] - (k == 4 ? shared[p][2] : 0);
-            for (int c = 0; c < k; ++c) left[c] -= shared[p][c];
         }
-        for (int c = 0; c < k; ++c) shared[k - 1][c] = left[c];
         // No matching beats each partition taking its largest share: most patterns stop here.
         if (count == size) {
             int bound = 0;
