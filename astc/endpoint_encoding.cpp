@@ -232,8 +232,9 @@ void astcEncodeEndpoints(int cem, int range, const float lo[4], const float hi[4
         case 8:
         case 12: {
             // Stored direct only when the second endpoint's sum is not below the first's.
-            uint8_t a[4], b[4];
-            for (int c = 0; c < 4; ++c) {
+            // RGB direct stores no alpha: its levels are not chosen.
+            uint8_t a[4] = {}, b[4] = {};
+            for (int c = 0; c < (cem == 12 ? 4 : 3); ++c) {
                 if (model)
                     bestLevelPair(range, lo[c], hi[c], model->a[c], model->b[c], model->c[c], a[c], b[c]);
                 else
