@@ -215,32 +215,22 @@ bool AstcPartitionSearch::tryMode(const AstcModeInfo& info, const AstcGridInfill
     int winnerRange = -1;
     uint8_t winnerModes[4] = {};
     AstcEncodedEndpoints winnerEnc[4];
-    // The shared modes first, in list order, then the mixed combinations: ties keep the earlier.
-    int combinations = 1;
-    for (int p = 0; p < m_count; ++p) combinations *= modeCount;
-    for (int pass = 0; pass < 2; ++pass)
-        for (int c = 0; c < (pass == 0 ? modeCount : combinations); ++c) {
-            int k[4];
-            uint8_t cems[4];
-            for (int p = 0, rest = c; p < m_count; ++p, rest /= modeCount) {
-                k[p] = pass == 0 ? c : rest % modeCount;
-                cems[p] = settings.endpointModes[k[p]];
-            }
-            bool shared = true;
-            if (!astcEndpointModesStorable(m_count, cems, shared) || (pass == 1 && shared)) continue;
-            const int range = astcColourRangeLookup(m_count, astcExtraCemBits(m_count, shared), info.mode.dualPlane,
-                                              info.weightBits, astcColourValueCount(m_count, cems));
-            if (range < 0) continue;
-            float lower = 0.0f;
-            for (int p = 0; p < m_count; ++p) lower += modeBound[p][k[p]];
-            if (double(lower) >= bestError) continue;
-            double total = 0.0;
-            for (int p = 0; p < m_count && total < bestError; ++p) total += encoded(p, k[p], range).error;
-            if (!(total < bestError)) continue;
-            bestError = total;
-            winnerRange = range;
-            for (int p = 0; p < m_count; ++p) winnerModes[p] = cems[p], winnerEnc[p] = encoded(p, k[p], range).enc;
-        }
+    for (int i = 0; i < m_combinationCount; ++i) {
+        const ModeCombination& combination = m_combinations[i];
+        const uint8_t* k = combination.k;
+        const int range = astcColourRangeLookup(m_count, combination.extraBits, info.mode.dualPlane, info.weightBits,
+                                                combination.valueCount);
+        if (range < 0) continue;
+        float lower = 0.0f;
+        for (int p = 0; p < m_count; ++p) lower += modeBound[p][k[p]];
+        if (double(lower) >= bestError) continue;
+        double total = 0.0;
+        for (int p = 0; p < m_count && total < bestError; ++p) total += encoded(p, k[p], range).error;
+        if (!(total < bestError)) continue;
+        bestError = total;
+        winnerRange = range;
+        for (int p = 0; p < m_count; ++p) winnerModes[p] = combination.cems[p], winnerEnc[p] = encoded(p, k[p], range).enc;
+    }
     if (winnerRange < 0) return false;
     best.error = bestError;
     AstcBlockContent& content = best.content;
@@ -339,8 +329,30 @@ int AstcPartitionSearch::selectByEstimate(const std::vector<AstcModeGroup>& grou
     return count;
 }
 
+// The shared modes first, in list order, then the mixed combinations (ties keep the earlier).
+void AstcPartitionSearch::listModeCombinations(const AstcSearchSettings& settings) {
+    const int modeCount = std::min(settings.endpointModeCount, kMaxEndpointModes);
+    int combinations = 1;
+    for (int p = 0; p < m_count; ++p) combinations *= modeCount;
+    m_combinationCount = 0;
+    for (int pass = 0; pass < 2; ++pass)
+        for (int c = 0; c < (pass == 0 ? modeCount : combinations); ++c) {
+            ModeCombination& combination = m_combinations[m_combinationCount];
+            for (int p = 0, rest = c; p < m_count; ++p, rest /= modeCount) {
+                combination.k[p] = uint8_t(pass == 0 ? c : rest % modeCount);
+                combination.cems[p] = settings.endpointModes[combination.k[p]];
+            }
+            bool shared = true;
+            if (!astcEndpointModesStorable(m_count, combination.cems, shared) || (pass == 1 && shared)) continue;
+            combination.extraBits = uint8_t(astcExtraCemBits(m_count, shared));
+            combination.valueCount = uint8_t(astcColourValueCount(m_count, combination.cems));
+            ++m_combinationCount;
+        }
+}
+
 void AstcPartitionSearch::search(const std::vector<AstcModeGroup>& groups, int channel,
                                  const AstcSearchSettings& settings, AstcSearchResult& best) {
+    listModeCombinations(settings);
     idealWeights(channel);
     const AstcModeInfo* modes[kMaxKeep];
     const AstcGridInfill* grids[kMaxKeep];

@@ -31,6 +31,19 @@ private:
     bool tryMode(const AstcModeInfo& info, const AstcGridInfill& grid, const float* grid1, const float* grid2,
                  int channel, const AstcSearchSettings& settings, AstcSearchResult& best, AstcWeightTrial& trial) const;
     void refitWeights(const AstcSearchResult& best, int channel, float* u1, float* u2) const;
+    void listModeCombinations(const AstcSearchSettings& settings);
+
+    // The endpoint-mode combinations each fit tries, in the order it tries them: every mode of
+    // the settings' list for all partitions, then the mixes a block can store; per combination
+    // each partition's place in the list, its mode, and the combination's extra mode bits and
+    // colour value count.
+    struct ModeCombination {
+        uint8_t k[4], cems[4];
+        uint8_t extraBits, valueCount;
+    };
+    static constexpr int kMaxModeCombinations = 4 + 4 * 4 * 4 * 4;
+    ModeCombination m_combinations[kMaxModeCombinations];
+    int m_combinationCount = 0;
 
     const AstcBlockTexels& m_texels;
     const AstcPartitionPattern& m_pattern;
